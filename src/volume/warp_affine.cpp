@@ -132,7 +132,9 @@ inline __m128 lerp4(__m128 a, __m128 b, __m128 f) {
 // floats: the first elements and the second elements.
 inline void loadPairs4(const float* const p[4], __m128& a, __m128& b) {
     auto pairOf = [](const float* q) {
-        return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(q)));
+        double bits;  // two floats, read as one 64-bit unit without alignment
+        std::memcpy(&bits, q, sizeof bits);
+        return _mm_castpd_ps(_mm_set_sd(bits));
     };
     const __m128 u01 = _mm_unpacklo_ps(pairOf(p[0]), pairOf(p[1]));  // a0 a1 b0 b1
     const __m128 u23 = _mm_unpacklo_ps(pairOf(p[2]), pairOf(p[3]));  // a2 a3 b2 b3
