@@ -62,14 +62,12 @@ struct RowTaps {
     __m128i hi[kMaxPairs];
 };
 
-// Products of taps (p, p + 1) for 8 consecutive destination elements, whose
-// source elements start at s (tap p) and s - 1 (tap p + 1); lanes 0-3 and 4-7.
+// Adds the products of one tap pair to the row sums of 8 destination
+// elements: ab0 and ab1 hold the source elements of the two taps
+// interleaved (elements 0-3 and 4-7), lo and hi the multiplier pair.
 template <bool kWide>
-inline void pairProducts(const int16_t* s, __m128i lo, __m128i hi, __m128i& sum0, __m128i& sum1) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
-    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s - 1));
-    const __m128i ab0 = _mm_unpacklo_epi16(a, b);
-    const __m128i ab1 = _mm_unpackhi_epi16(a, b);
+inline void addPairProducts(__m128i ab0, __m128i ab1, __m128i lo, __m128i hi, __m128i& sum0,
+                            __m128i& sum1) {
     sum0 = _mm_add_epi32(sum0, _mm_madd_epi16(ab0, lo));
     sum1 = _mm_add_epi32(sum1, _mm_madd_epi16(ab1, lo));
     if constexpr (kWide) {
@@ -81,22 +79,8 @@ inline void pairProducts(const int16_t* s, __m128i lo, __m128i hi, __m128i& sum0
     }
 }
 
-// Products of the single last tap p of an odd width for 8 elements from s.
-template <bool kWide>
-inline void lastProducts(const int16_t* s, __m128i lo, __m128i hi, __m128i& sum0, __m128i& sum1) {
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
-    const __m128i z = _mm_setzero_si128();
-    const __m128i a0 = _mm_unpacklo_epi16(a, z);
-    const __m128i a1 = _mm_unpackhi_epi16(a, z);
-    sum0 = _mm_add_epi32(sum0, _mm_madd_epi16(a0, lo));
-    sum1 = _mm_add_epi32(sum1, _mm_madd_epi16(a1, lo));
-    if constexpr (kWide) {
-        const __m128i ones = _mm_set1_epi16(1);
-        sum0 =
-            _mm_add_epi32(sum0, _mm_slli_epi32(_mm_madd_epi16(_mm_mullo_epi16(a0, hi), ones), 16));
-        sum1 =
-            _mm_add_epi32(sum1, _mm_slli_epi32(_mm_madd_epi16(_mm_mullo_epi16(a1, hi), ones), 16));
-    }
+inline __m128i load8(const int16_t* s) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
 }
 
 // acc[i] += float(sum over p of k[p] * s[i - p]) for i in [0, width), the
@@ -114,13 +98,18 @@ void accumulateRow(float* acc, const int16_t* s, const int32_t* k, int32_t kw, i
             const __m128i lo = tapPair(int16_t(k[2 * p]), int16_t(k[2 * p + 1]));
             const __m128i hi =
                 kWide ? tapPair(highHalf(k[2 * p]), highHalf(k[2 * p + 1])) : _mm_setzero_si128();
-            pairProducts<kWide>(s + i - 2 * p, lo, hi, sum0, sum1);
+            // Tap 2p reads s[i - 2p + l], tap 2p + 1 the element before it.
+            const __m128i a = load8(s + i - 2 * p), b = load8(s + i - 2 * p - 1);
+            addPairProducts<kWide>(_mm_unpacklo_epi16(a, b), _mm_unpackhi_epi16(a, b), lo, hi, sum0,
+                                   sum1);
         }
         if (odd) {
             const int p = taps - 1;
             const __m128i lo = tapPair(int16_t(k[p]), 0);
             const __m128i hi = kWide ? tapPair(highHalf(k[p]), 0) : _mm_setzero_si128();
-            lastProducts<kWide>(s + i - p, lo, hi, sum0, sum1);
+            const __m128i a = load8(s + i - p), z = _mm_setzero_si128();
+            addPairProducts<kWide>(_mm_unpacklo_epi16(a, z), _mm_unpackhi_epi16(a, z), lo, hi, sum0,
+                                   sum1);
         }
         _mm_store_ps(acc + i, _mm_add_ps(_mm_load_ps(acc + i), _mm_cvtepi32_ps(sum0)));
         _mm_store_ps(acc + i + 4, _mm_add_ps(_mm_load_ps(acc + i + 4), _mm_cvtepi32_ps(sum1)));

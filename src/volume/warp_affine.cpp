@@ -83,7 +83,7 @@ template <class T>
 using RowRoutine = void (*)(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd,
                             double p[3]);
 
-// Nearest and cubic rows.
+// One element at a time (the nearest and cubic rows, the linear row's tail).
 template <class T, int Mode>
 void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
     const double(&d)[3][4] = job.inv;
@@ -93,6 +93,8 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
         if (insideSource(s, X, Y, Z)) {
             if constexpr (Mode == qelInterpNearest) {
                 out[x] = sampleNearest(s, X, Y, roundHalfEven(Z));
+            } else if constexpr (Mode == qelInterpLinear) {
+                out[x] = roundToElement<T>(sampleLinear3(s, X, Y, Z));
             } else {
                 out[x] = roundToElement<T>(sampleCubic3(s, X, Y, Z));
             }
@@ -233,15 +235,10 @@ void warpRowLinear(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, 
             }
         }
     }
-    for (; x < xEnd; ++x) {
-        if (insideSource(s, X, Y, Z)) out[x] = roundToElement<T>(sampleLinear3(s, X, Y, Z));
-        X += d[0][0];
-        Y += d[1][0];
-        Z += d[2][0];
-    }
     p[0] = X;
     p[1] = Y;
     p[2] = Z;
+    warpRow<T, qelInterpLinear>(job, out, x, xEnd, p);
 }
 
 // Destination planes [zBegin, zEnd) of the cuboid. Rows are taken in bands
