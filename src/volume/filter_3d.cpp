@@ -26,7 +26,7 @@ namespace qelr::volume::filter {
 namespace {
 
 // Bytes of one thread's slice of the work buffer: a float per destination
-// element plus 64 bytes (alignment slack). Negative when it does not fit.
+// element plus 64 bytes (alignment slack), in 64 bits so that overflow shows.
 int64_t sliceBytes(int32_t width) { return int64_t(width) * 4 + 64; }
 
 struct FilterJob {
@@ -51,16 +51,6 @@ __m128i tapPair(int32_t a, int32_t b) {
 
 // The high half of a kernel value for the split: (k - lo) / 65536 modulo 2^16.
 int32_t highHalf(int32_t k) { return int32_t((int64_t(k) - int16_t(k)) >> 16); }
-
-// The multipliers of one kernel row: pairs of taps (p, p + 1), the last pair
-// of an odd width padded with 0. `hi` holds the high halves of wide kernels.
-template <int kWidth>
-struct RowTaps {
-    static constexpr int kMaxPairs = kWidth > 0 ? (kWidth + 1) / 2 : 1;
-    int pairs;
-    __m128i lo[kMaxPairs];
-    __m128i hi[kMaxPairs];
-};
 
 // Adds the products of one tap pair to the row sums of 8 destination
 // elements: ab0 and ab1 hold the source elements of the two taps
