@@ -8,6 +8,7 @@
 // bands l-1 and l-2 with the state's tables, entirely in single precision.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -108,35 +109,39 @@ void evalDirect(const V& x, const V& y, const V& z, uint32_t order, float* out) 
     (std::make_integer_sequence<int, 16>{});
 }
 
-// Bands 0..order by the three-term recurrence with tables A and B.
+// Bands 0..order by the three-term recurrence with tables A and B. Table
+// entry i is at a[i * kLanes<V>] (the four-lane kernel takes the tables with
+// every entry broadcast to four floats).
 template <class V>
 void evalRecurrence(const V& x, const V& y, const V& z, uint32_t order, const float* a,
                     const float* b, float* out) {
     constexpr int s = kLanes<V>;
-    storeLanes(out, V(a[0]));
+    storeLanes(out, loadLanes<V>(a));
     if (order < 1) return;
-    storeLanes(out + 1 * s, V(a[2]) * y);
-    storeLanes(out + 2 * s, V(a[1]) * z);
-    storeLanes(out + 3 * s, V(a[2]) * x);
+    const V a1 = loadLanes<V>(a + 1 * s);
+    const V a2 = loadLanes<V>(a + 2 * s);
+    storeLanes(out + 1 * s, a2 * y);
+    storeLanes(out + 2 * s, a1 * z);
+    storeLanes(out + 3 * s, a2 * x);
     for (uint32_t l = 2; l <= order; ++l) {
-        const float* al = a + l * (l + 1) / 2;
-        const float* bl = b + l * (l + 1) / 2;
+        const float* al = a + l * (l + 1) / 2 * s;
+        const float* bl = b + l * (l + 1) / 2 * s;
         const float* p = out + (l - 1) * (l - 1) * s;  // band l-1
         const float* q = out + (l - 2) * (l - 2) * s;  // band l-2
         float* c = out + l * l * s;
         const V pNeg = loadLanes<V>(p);
         const V pPos = loadLanes<V>(p + (2 * l - 2) * s);
-        const V sect = V(al[l]);
+        const V sect = loadLanes<V>(al + l * s);
         storeLanes(c + 2 * l * s, (pPos * x - pNeg * y) * sect);
         storeLanes(c, (pPos * y + pNeg * x) * sect);
-        const V az1 = V(al[l - 1]) * z;
+        const V az1 = loadLanes<V>(al + (l - 1) * s) * z;
         storeLanes(c + (2 * l - 1) * s, az1 * pPos);
         storeLanes(c + s, az1 * pNeg);
-        storeLanes(c + l * s, V(al[0]) * z * loadLanes<V>(p + (l - 1) * s) +
-                                  V(bl[0]) * loadLanes<V>(q + (l - 2) * s));
+        storeLanes(c + l * s, loadLanes<V>(al) * z * loadLanes<V>(p + (l - 1) * s) +
+                                  loadLanes<V>(bl) * loadLanes<V>(q + (l - 2) * s));
         for (uint32_t m = 1; m + 2 <= l; ++m) {
-            const V az = V(al[m]) * z;
-            const V bm = V(bl[m]);
+            const V az = loadLanes<V>(al + m * s) * z;
+            const V bm = loadLanes<V>(bl + m * s);
             storeLanes(c + (l + m) * s, az * loadLanes<V>(p + (l - 1 + m) * s) +
                                             bm * loadLanes<V>(q + (l - 2 + m) * s));
             storeLanes(c + (l - m) * s, az * loadLanes<V>(p + (l - 1 - m) * s) +
@@ -144,6 +149,11 @@ void evalRecurrence(const V& x, const V& y, const V& z, uint32_t order, const fl
         }
     }
 }
+
+// Outputs of at least this many bytes are written with non-temporal stores,
+// as memset does for large blocks: they would not stay in the caches anyway,
+// and streaming spares the read of every line before it is written.
+inline constexpr size_t kStreamingBytes = size_t{8} << 20;
 
 // The full basis of one direction for an order the state accepts (checked by
 // the caller: selector 0 or 1, order at most 15 and at most the state's).

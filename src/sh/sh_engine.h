@@ -19,6 +19,8 @@ namespace qelr::sh {
 inline constexpr uint32_t kMaxOrder = 15;
 // Coefficients of the basis of the highest order: (15 + 1)^2.
 inline constexpr int kMaxCoeffs = (kMaxOrder + 1) * (kMaxOrder + 1);
+// Table entries of the bands up to the highest order: 16 * 17 / 2.
+inline constexpr int kMaxTableEntries = (kMaxOrder + 1) * (kMaxOrder + 2) / 2;
 
 struct EngineHeader {
     uint32_t order;
