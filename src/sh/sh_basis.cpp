@@ -158,6 +158,9 @@ QelStatus qelrSH_32f(const float* pX, const float* pY, const float* pZ, int n, f
     // an order that is negative when read as signed).
     if (order > sh::kMaxOrder) return qelErrBadArgument;
     if (n < 0) return qelOk;
+    // A state whose 32-bit block size wrapped around may lack the bands.
+    if (algorithm == qelSHRecurrence && !sh::recurrenceTablesCover(engine, order))
+        return qelErrBadArgument;
     if (algorithm == qelSHDirect) {
         sh::runDirect(pX, pY, pZ, n, dst, order);
     } else {

@@ -29,11 +29,12 @@ bool admitSamples(int n, uint32_t order, const QelSHEngine* engine, QelStatus* s
     }
     *status = qelOk;
     if (n < 0) return false;
-    // The per-sample evaluation refuses orders above 15 and unknown
-    // selectors and would leave the basis scratch unwritten; such calls are
-    // refused before any sample is touched.
+    // The per-sample evaluation refuses orders above 15, unknown selectors
+    // and states without the tables of the order, and would leave the basis
+    // scratch unwritten; such calls are refused before any sample is touched.
     const uint32_t algorithm = sh::engineAlgorithm(engine);
-    if (order > sh::kMaxOrder || (algorithm != qelSHDirect && algorithm != qelSHRecurrence)) {
+    if (order > sh::kMaxOrder || (algorithm != qelSHDirect && algorithm != qelSHRecurrence) ||
+        (algorithm == qelSHRecurrence && !sh::recurrenceTablesCover(engine, order))) {
         *status = qelErrBadArgument;
         return false;
     }
