@@ -18,6 +18,9 @@
 
 namespace qelr::sh {
 
+// Fills the terms of the closed forms for bands up to `order`. The sectoral
+// factors follow (x + iy)^m = (x + iy)^(m-1) (x + iy) in double precision;
+// only the copies kept for the closed forms are rounded.
 template <class V>
 QELR_SH_INLINE void makeTerms(const V& x, const V& y, const V& z, uint32_t order,
                               DirectTerms<V>& t) {
@@ -36,6 +39,9 @@ QELR_SH_INLINE void makeTerms(const V& x, const V& y, const V& z, uint32_t order
     }
 }
 
+// Bands 0..3 with their classic constants; band b writes band[0 .. 2b], the
+// function with m at position b + m. Each polynomial in z that multiplies a
+// sectoral factor is named p followed by |m|.
 template <class V>
 QELR_SH_INLINE void directBand0(const DirectTerms<V>&, float* band) {
     storeRounded(band, V(0.282094806432724));
@@ -52,25 +58,25 @@ QELR_SH_INLINE void directBand1(const DirectTerms<V>& t, float* band) {
 template <class V>
 QELR_SH_INLINE void directBand2(const DirectTerms<V>& t, float* band) {
     constexpr int s = kLanes<V>;
-    const V zm = V(-1.092548430592079) * t.z;
+    const V p1 = V(-1.092548430592079) * t.z;
     storeRounded(band + 0 * s, V(0.5462742152960395) * t.s[2]);  // 1.0925... x y
-    storeRounded(band + 1 * s, zm * t.s[1]);
+    storeRounded(band + 1 * s, p1 * t.s[1]);
     storeRounded(band + 2 * s, V(0.31539156525252) * (V(3.0) * t.z2 - V(1.0)));
-    storeRounded(band + 3 * s, zm * t.c[1]);
+    storeRounded(band + 3 * s, p1 * t.c[1]);
     storeRounded(band + 4 * s, V(0.5462742152960395) * t.c[2]);
 }
 
 template <class V>
 QELR_SH_INLINE void directBand3(const DirectTerms<V>& t, float* band) {
     constexpr int s = kLanes<V>;
-    const V z2x5m1 = V(-0.4570457994644657) * (V(5.0) * t.z2 - V(1.0));
-    const V z2 = V(1.445305721320277) * t.z;  // 2.8906... x y z = 1.4453... z Im (x+iy)^2
+    const V p1 = V(-0.4570457994644657) * (V(5.0) * t.z2 - V(1.0));
+    const V p2 = V(1.445305721320277) * t.z;  // 2.8906... x y z = 1.4453... z Im (x+iy)^2
     storeRounded(band + 0 * s, V(-0.5900435899266435) * t.s[3]);
-    storeRounded(band + 1 * s, z2 * t.s[2]);
-    storeRounded(band + 2 * s, z2x5m1 * t.s[1]);
+    storeRounded(band + 1 * s, p2 * t.s[2]);
+    storeRounded(band + 2 * s, p1 * t.s[1]);
     storeRounded(band + 3 * s, V(0.3731763325901154) * t.z * (V(5.0) * t.z2 - V(3.0)));
-    storeRounded(band + 4 * s, z2x5m1 * t.c[1]);
-    storeRounded(band + 5 * s, z2 * t.c[2]);
+    storeRounded(band + 4 * s, p1 * t.c[1]);
+    storeRounded(band + 5 * s, p2 * t.c[2]);
     storeRounded(band + 6 * s, V(-0.5900435899266435) * t.c[3]);
 }
 
