@@ -1,7 +1,10 @@
 // Packet paths of the intersection functions: the pack is walked in tiles of
-// 4 x 4 rays; rays of one direction octant are traced together, four (one row
-// of a tile) or sixteen (a whole tile, any-hit form) at a time, through one
-// shared traversal with an interval per lane.
+// 4 x 4 rays; rays of one direction octant are traced together through one
+// shared traversal with an interval per lane: a whole tile (sixteen rays) when
+// all its rays to trace share one octant, else by octant and row, four at a
+// time. Triangle tests use the directions as given; the traversal uses the
+// inverses of directions whose tiny components are made a small positive
+// value, and the octant is taken from those same components.
 #include <pmmintrin.h>
 
 #include <cstddef>
