@@ -279,13 +279,13 @@ void tracePacket(const QelTraceScene& scene, const Packet<N, kOwnOrigins>& p, __
         for (;;) {
             if (sp == 0) return;
             const Entry& e = stack[--sp];
-            int any = 0;
+            __m128 open = _mm_setzero_ps();
             for (int g = 0; g < N; ++g) {
                 tnear[g] = e.tnear[g];
                 tfar[g] = _mm_min_ps(e.tfar[g], h.best[g]);
-                any |= _mm_movemask_ps(_mm_cmple_ps(tnear[g], tfar[g]));
+                open = _mm_or_ps(open, _mm_cmple_ps(tnear[g], tfar[g]));
             }
-            if (any != 0) {
+            if (_mm_movemask_ps(open) != 0) {
                 node = e.node;
                 break;
             }
