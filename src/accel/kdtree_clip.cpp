@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "accel/kdtree_build.h"
 
@@ -91,30 +92,32 @@ void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref) {
         prior.mn[a] = maxf(ref.mn[a], cell.mn[a]);
         prior.mx[a] = minf(ref.mx[a], cell.mx[a]);
     }
-    Polygon poly, tmp;
-    poly.count = 3;
+    Polygon buffers[2];
+    Polygon* poly = &buffers[0];
+    Polygon* spare = &buffers[1];
+    poly->count = 3;
     for (int c = 0; c < 3; ++c)
-        for (int a = 0; a < 3; ++a) poly.p[c][a] = tri[c][a];
+        for (int a = 0; a < 3; ++a) poly->p[c][a] = tri[c][a];
     for (int a = 0; a < 3; ++a) {
         // Planes that the triangle does not cross leave it as it is.
         const double lo = std::min({tri[0][a], tri[1][a], tri[2][a]});
         const double hi = std::max({tri[0][a], tri[1][a], tri[2][a]});
         if (lo < cell.mn[a]) {
-            clipPlane(poly, a, cell.mn[a], true, tmp);
-            poly = tmp;
+            clipPlane(*poly, a, cell.mn[a], true, *spare);
+            std::swap(poly, spare);
         }
         if (hi > cell.mx[a]) {
-            clipPlane(poly, a, cell.mx[a], false, tmp);
-            poly = tmp;
+            clipPlane(*poly, a, cell.mx[a], false, *spare);
+            std::swap(poly, spare);
         }
     }
     Box3 box = prior;
-    if (poly.count > 0) {
+    if (poly->count > 0) {
         for (int a = 0; a < 3; ++a) {
-            double lo = poly.p[0][a], hi = poly.p[0][a];
-            for (int i = 1; i < poly.count; ++i) {
-                lo = std::min(lo, poly.p[i][a]);
-                hi = std::max(hi, poly.p[i][a]);
+            double lo = poly->p[0][a], hi = poly->p[0][a];
+            for (int i = 1; i < poly->count; ++i) {
+                lo = std::min(lo, poly->p[i][a]);
+                hi = std::max(hi, poly->p[i][a]);
             }
             box.mn[a] = maxf(floorFloat(lo), prior.mn[a]);
             box.mx[a] = minf(ceilFloat(hi), prior.mx[a]);
