@@ -22,6 +22,7 @@
 #include <cfloat>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "accel/kdtree_sweep.h"
 #include "core/memory.h"
@@ -74,6 +75,52 @@ struct Task {
     int32_t evBegin[3];
     int32_t evCount[3];
 };
+
+// Sorts events in eventLess order. Large lists go through a radix sort on
+// (position as an ordered integer, key), which gives the same order: -0 is
+// folded into +0 as the float comparison does, and keys are unique.
+bool sortEvents(Event* ev, int32_t n, Pool<Event>& scratch) {
+    constexpr int32_t kRadixMin = 4096;
+    constexpr int kDigitBits = 8, kPasses = 8, kBuckets = 1 << kDigitBits;
+    if (n < kRadixMin) {
+        std::sort(ev, ev + n, EventLess());
+        return true;
+    }
+    if (!scratch.reserve(n, 0)) return false;
+    auto composite = [](const Event& e) {
+        const float p = e.pos + 0.0f;  // -0 becomes +0
+        uint32_t bits;
+        std::memcpy(&bits, &p, 4);
+        bits ^= (bits >> 31) != 0 ? 0xFFFFFFFFu : 0x80000000u;
+        return static_cast<uint64_t>(bits) << 32 | e.key;
+    };
+    static_assert(kDigitBits * kPasses >= 64);
+    int32_t counts[kPasses][kBuckets] = {};
+    for (int32_t i = 0; i < n; ++i) {
+        const uint64_t c = composite(ev[i]);
+        for (int d = 0; d < kPasses; ++d) ++counts[d][(c >> (d * kDigitBits)) & (kBuckets - 1)];
+    }
+    Event* from = ev;
+    Event* to = scratch.data();
+    for (int d = 0; d < kPasses; ++d) {
+        int32_t offset = 0;
+        bool single = false;
+        for (int b = 0; b < kBuckets; ++b) {
+            const int32_t c = counts[d][b];
+            single = single || c == n;  // every element has this digit: nothing to do
+            counts[d][b] = offset;
+            offset += c;
+        }
+        if (single) continue;
+        for (int32_t i = 0; i < n; ++i) {
+            const uint64_t c = composite(from[i]);
+            to[counts[d][(c >> (d * kDigitBits)) & (kBuckets - 1)]++] = from[i];
+        }
+        std::swap(from, to);
+    }
+    if (from != ev) std::memcpy(ev, from, static_cast<size_t>(n) * sizeof(Event));
+    return true;
+}
 
 // Appends the events of reference `local` on axis a.
 inline int32_t addEvents(const TriRef& r, int a, uint32_t local, Event* out) {
@@ -135,7 +182,7 @@ QelStatus Builder::initRoot(Task& root) {
         int32_t m = 0;
         for (int32_t i = 0; i < n; ++i)
             m += addEvents(refs[i], a, static_cast<uint32_t>(i), ev + m);
-        std::sort(ev, ev + m, EventLess());
+        if (!sortEvents(ev, m, fresh_[0])) return qelErrNoMemory;
         root.evCount[a] = m;
     }
     return qelOk;

@@ -177,13 +177,16 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
         uint32_t seed;
         float quality;
         uint32_t depth;
+        float shift = 0.0f;
     };
     // 75 and 76 triangles: the root is scored on the calling thread, then by
     // one thread per axis.
-    for (const Case c : {Case{75, 11, 1.0f, 50}, Case{76, 11, 1.0f, 50}, Case{12, 1, 1.0f, 50},
-                         Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
-                         Case{600, 5, 1.0f, 50}, Case{300, 6, 0.0f, 50}}) {
-        const Scene s = kdtest::randomScene(c.n, c.seed);
+    for (const Case c :
+         {Case{75, 11, 1.0f, 50}, Case{76, 11, 1.0f, 50}, Case{12, 1, 1.0f, 50},
+          Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
+          Case{600, 5, 1.0f, 50}, Case{300, 6, 0.0f, 50},
+          Case{2600, 12, 1.0f, 50, -5.0f}}) {  // 4096+ events at the root: the radix sort
+        const Scene s = kdtest::randomScene(c.n, c.seed, c.shift);
         KDTreeNode* tree = nullptr;
         int size = 0;
         ASSERT_EQ(bruteForceTree(s, c.depth, c.quality, &tree, &size), qelOk);
