@@ -274,8 +274,8 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
         fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, r.tri, v);
         outBelow[cut[3 * j + 1]] = r;
         outAbove[cut[3 * j + 2]] = r;
-        clipToCell(v, below.cell, outBelow[cut[3 * j + 1]]);
-        clipToCell(v, above.cell, outAbove[cut[3 * j + 2]]);
+        clipToChildren(v, t.cell, a, plane.position, outBelow[cut[3 * j + 1]],
+                       outAbove[cut[3 * j + 2]]);
     }
     std::memmove(refs, outAbove, static_cast<size_t>(nAbove + nBelow) * sizeof(TriRef));
     above.refBegin = t.refBegin;

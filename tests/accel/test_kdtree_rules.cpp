@@ -134,8 +134,7 @@ QelStatus bruteForceTree(const Scene& s, uint32_t depthLimit, float quality, KDT
                         TriRef x = r;
                         if (toBelow && toAbove) {
                             TriRef y = r;
-                            clipToCell(v, below, x);
-                            clipToCell(v, above, y);
+                            clipToChildren(v, c, axis, p, x, y);
                             ra.push_back(y);
                         } else if (toAbove) {
                             ra.push_back(x);
