@@ -191,6 +191,10 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
         ASSERT_EQ(bruteForceTree(s, c.depth, c.quality, &tree, &size), qelOk);
         const std::vector<uint8_t> expect(reinterpret_cast<uint8_t*>(tree),
                                           reinterpret_cast<uint8_t*>(tree) + size);
+        const auto info = qelr_test::checkKdTree(tree, size, s.triangleCount(),
+                                                 static_cast<int>(c.depth), kdtest::sceneCell(s));
+        EXPECT_EQ(info.error, "");
+        EXPECT_EQ(qelr_test::checkPackedLayout(tree, size, info), "");
         qelr::impl::qelrKDTreeFree(tree);
         EXPECT_GT(size, 16);
         EXPECT_EQ(libraryTree(s, c.depth, c.quality), expect) << c.n << " " << c.seed;
