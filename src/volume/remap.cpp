@@ -77,36 +77,39 @@ inline void linearBlock(const T* const* src, int srcRowStep, const InclusiveBox&
     const LinearAxis ax = linearAxis(fx, box.x0, box.x1);
     const LinearAxis ay = linearAxis(fy, box.y0, box.y1);
     const LinearAxis az = linearAxis(fz, box.z0, box.z1);
-    alignas(16) int32_t x0[4], x1[4], y0[4], y1[4], z0[4], z1[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(x0), ax.base);
-    _mm_store_si128(reinterpret_cast<__m128i*>(x1), ax.next);
+    alignas(16) int32_t xs[4], y0[4], y1[4], z0[4], z1[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(xs), ax.base);
     _mm_store_si128(reinterpret_cast<__m128i*>(y0), ay.base);
     _mm_store_si128(reinterpret_cast<__m128i*>(y1), ay.next);
     _mm_store_si128(reinterpret_cast<__m128i*>(z0), az.base);
     _mm_store_si128(reinterpret_cast<__m128i*>(z1), az.next);
-    // v[corner][lane], corner = (z, y, x) bits.
-    alignas(16) float v[8][4];
+    // Per lane: the first voxel of the pair in planes z0 and z1, and the
+    // offsets of rows y0 and y1.
+    const uint8_t* near[4];
+    const uint8_t* far[4];
+    ptrdiff_t top[4], bottom[4];
     for (int l = 0; l < 4; ++l) {
-        const T* r00 = rowOfPV(src, srcRowStep, y0[l], z0[l]);
-        const T* r01 = rowOfPV(src, srcRowStep, y1[l], z0[l]);
-        const T* r10 = rowOfPV(src, srcRowStep, y0[l], z1[l]);
-        const T* r11 = rowOfPV(src, srcRowStep, y1[l], z1[l]);
-        v[0][l] = static_cast<float>(r00[x0[l]]);
-        v[1][l] = static_cast<float>(r00[x1[l]]);
-        v[2][l] = static_cast<float>(r01[x0[l]]);
-        v[3][l] = static_cast<float>(r01[x1[l]]);
-        v[4][l] = static_cast<float>(r10[x0[l]]);
-        v[5][l] = static_cast<float>(r10[x1[l]]);
-        v[6][l] = static_cast<float>(r11[x0[l]]);
-        v[7][l] = static_cast<float>(r11[x1[l]]);
+        const ptrdiff_t x = static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
+        near[l] = reinterpret_cast<const uint8_t*>(src[z0[l]]) + x;
+        far[l] = reinterpret_cast<const uint8_t*>(src[z1[l]]) + x;
+        top[l] = static_cast<ptrdiff_t>(y0[l]) * srcRowStep;
+        bottom[l] = static_cast<ptrdiff_t>(y1[l]) * srcRowStep;
     }
+    // The pair (x, x + 1) of four rows, blended along x.
+    const auto alongX = [&](const uint8_t* const* plane, const ptrdiff_t* row) {
+        const auto at = [&](int l) { return reinterpret_cast<const T*>(plane[l] + row[l]); };
+        __m128 a, b;
+        if (box.x1 > box.x0) {
+            loadPairs(at(0), at(1), at(2), at(3), a, b);
+        } else {  // one voxel wide: both taps are x0
+            a = b = _mm_setr_ps(static_cast<float>(*at(0)), static_cast<float>(*at(1)),
+                                static_cast<float>(*at(2)), static_cast<float>(*at(3)));
+        }
+        return lerp(a, b, ax.frac);
+    };
     // Along x, then y, then z.
-    const __m128 c00 = lerp(_mm_load_ps(v[0]), _mm_load_ps(v[1]), ax.frac);
-    const __m128 c01 = lerp(_mm_load_ps(v[2]), _mm_load_ps(v[3]), ax.frac);
-    const __m128 c10 = lerp(_mm_load_ps(v[4]), _mm_load_ps(v[5]), ax.frac);
-    const __m128 c11 = lerp(_mm_load_ps(v[6]), _mm_load_ps(v[7]), ax.frac);
-    const __m128 d0 = lerp(c00, c01, ay.frac);
-    const __m128 d1 = lerp(c10, c11, ay.frac);
+    const __m128 d0 = lerp(alongX(near, top), alongX(near, bottom), ay.frac);
+    const __m128 d1 = lerp(alongX(far, top), alongX(far, bottom), ay.frac);
     storeLanes(dst, lerp(d0, d1, az.frac), mask);
 }
 
@@ -139,7 +142,7 @@ void linearRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* 
 template <class T, int Mode>
 void cubicRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst, int32_t width,
               const float* mx, const float* my, const float* mz) {
-    const float* table = cubicTable(Mode);
+    const CubicPairTable& table = cubicPairTable(Mode);
     const float x0 = static_cast<float>(box.x0), x1 = static_cast<float>(box.x1);
     const float y0 = static_cast<float>(box.y0), y1 = static_cast<float>(box.y1);
     const float z0 = static_cast<float>(box.z0), z1 = static_cast<float>(box.z1);
@@ -152,26 +155,36 @@ void cubicRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* d
         const __m128 wx = cubicTapWeights(table, x - static_cast<float>(bx));
         const __m128 wy = cubicTapWeights(table, y - static_cast<float>(by));
         const __m128 wz = cubicTapWeights(table, z - static_cast<float>(bz));
-        const int32_t ty[4] = {clampIndex(by - 1, box.y0, box.y1), by,
-                               clampIndex(by + 1, box.y0, box.y1),
-                               clampIndex(by + 2, box.y0, box.y1)};
-        // Per plane tap: the four rows blended along y (lanes hold the x taps);
-        // then the planes blended along z; then the x taps summed.
-        __m128 planes[4];
-        for (int c = 0; c < 4; ++c) {
-            const int32_t tz = clampIndex(bz - 1 + c, box.z0, box.z1);
-            const auto row = [&](int r) {
-                return rowTaps(rowOfPV(src, srcRowStep, ty[r], tz), bx, box.x0, box.x1);
-            };
-            __m128 p = _mm_mul_ps(lane<0>(wy), row(0));
-            p = _mm_add_ps(p, _mm_mul_ps(lane<1>(wy), row(1)));
-            p = _mm_add_ps(p, _mm_mul_ps(lane<2>(wy), row(2)));
-            planes[c] = _mm_add_ps(p, _mm_mul_ps(lane<3>(wy), row(3)));
+        const uint8_t* plane[4];
+        ptrdiff_t row[4];
+        for (int t = 0; t < 4; ++t) {
+            plane[t] =
+                reinterpret_cast<const uint8_t*>(src[clampIndex(bz - 1 + t, box.z0, box.z1)]);
+            row[t] = static_cast<ptrdiff_t>(clampIndex(by - 1 + t, box.y0, box.y1)) * srcRowStep;
         }
-        __m128 q = _mm_mul_ps(lane<0>(wz), planes[0]);
-        q = _mm_add_ps(q, _mm_mul_ps(lane<1>(wz), planes[1]));
-        q = _mm_add_ps(q, _mm_mul_ps(lane<2>(wz), planes[2]));
-        q = _mm_add_ps(q, _mm_mul_ps(lane<3>(wz), planes[3]));
+        // Lanes hold the four x taps: the rows of each plane tap blended
+        // along y, the planes along z, then the x taps weighted and summed.
+        const auto blendRows = [&](auto taps) {
+            const auto planeTap = [&](int c) {
+                return blendFour(wy, taps(plane[c] + row[0]), taps(plane[c] + row[1]),
+                                 taps(plane[c] + row[2]), taps(plane[c] + row[3]));
+            };
+            return blendFour(wz, planeTap(0), planeTap(1), planeTap(2), planeTap(3));
+        };
+        __m128 q;
+        if (bx - 1 >= box.x0 && bx + 2 <= box.x1) {
+            const ptrdiff_t first =
+                static_cast<ptrdiff_t>(bx - 1) * static_cast<ptrdiff_t>(sizeof(T));
+            q = blendRows(
+                [&](const uint8_t* r) { return loadFour(reinterpret_cast<const T*>(r + first)); });
+        } else {
+            const int32_t tx[4] = {clampIndex(bx - 1, box.x0, box.x1), bx,
+                                   clampIndex(bx + 1, box.x0, box.x1),
+                                   clampIndex(bx + 2, box.x0, box.x1)};
+            q = blendRows([&](const uint8_t* r) {
+                return gatherFour(reinterpret_cast<const T*>(r), tx[0], tx[1], tx[2], tx[3]);
+            });
+        }
         dst[i] = roundToElement<T>(horizontalSum(_mm_mul_ps(q, wx)));
     }
 }

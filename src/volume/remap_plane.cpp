@@ -102,7 +102,7 @@ inline T samplePlane(const T* src, int step, const PlaneBounds& b, float x, floa
         }
         return roundToElement<T>(sum);
     } else {
-        const float* table = cubicTable(Mode);
+        const CubicPairTable& table = cubicPairTable(Mode);
         const int32_t bx = clampIndex(_mm_cvtt_ss2si(_mm_set_ss(x)), b.x0, b.x1);
         const int32_t by = clampIndex(_mm_cvtt_ss2si(_mm_set_ss(y)), b.y0, b.y1);
         const __m128 wx = cubicTapWeights(table, x - static_cast<float>(bx));
@@ -110,10 +110,7 @@ inline T samplePlane(const T* src, int step, const PlaneBounds& b, float x, floa
         const auto row = [&](int r) {
             return rowTaps(rowAt(src, step, clampIndex(by - 1 + r, b.y0, b.y1)), bx, b.x0, b.x1);
         };
-        __m128 p = _mm_mul_ps(lane<0>(wy), row(0));
-        p = _mm_add_ps(p, _mm_mul_ps(lane<1>(wy), row(1)));
-        p = _mm_add_ps(p, _mm_mul_ps(lane<2>(wy), row(2)));
-        p = _mm_add_ps(p, _mm_mul_ps(lane<3>(wy), row(3)));
+        const __m128 p = blendFour(wy, row(0), row(1), row(2), row(3));
         return roundToElement<T>(horizontalSum(_mm_mul_ps(p, wx)));
     }
 }

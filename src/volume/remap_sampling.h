@@ -57,10 +57,18 @@ inline float horizontalSum(__m128 v) {
     return _mm_cvtss_f32(_mm_hadd_ps(pairs, pairs));
 }
 
+// A cubic table stored as pairs (T[k], T[k + 1] - T[k]): one 8-byte load
+// fetches what a weight interpolates between, and the difference is the one
+// the table rule forms, so the weights keep their bits.
+struct CubicPairTable {
+    float pair[kCubicTableSize - 1][2];
+};
+const CubicPairTable& cubicPairTable(int mode);  // mode 4..7
+
 // The weights of the four taps at offsets -1, 0, 1, 2 from a base with
-// fraction f, read from a cubic table: d = |offset - f| formed as -f + offset,
-// then the table rule of cubicTableWeight lane by lane.
-inline __m128 cubicTapWeights(const float* table, float f) {
+// fraction f: d = |offset - f| formed as -f + offset, then the table rule of
+// cubicTableWeight lane by lane.
+inline __m128 cubicTapWeights(const CubicPairTable& table, float f) {
     const __m128 signBit = _mm_set1_ps(-0.0f);
     const __m128 t = _mm_add_ps(_mm_set1_ps(-f), _mm_setr_ps(-1.0f, 0.0f, 1.0f, 2.0f));
     const __m128 d = _mm_andnot_ps(signBit, t);
@@ -69,10 +77,47 @@ inline __m128 cubicTapWeights(const float* table, float f) {
     const __m128 r = _mm_sub_ps(x, _mm_cvtepi32_ps(k));
     alignas(16) int32_t ki[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(ki), k);
-    const __m128 lo = _mm_setr_ps(table[ki[0]], table[ki[1]], table[ki[2]], table[ki[3]]);
-    const __m128 hi =
-        _mm_setr_ps(table[ki[0] + 1], table[ki[1] + 1], table[ki[2] + 1], table[ki[3] + 1]);
-    return _mm_add_ps(lo, _mm_mul_ps(_mm_sub_ps(hi, lo), r));
+    const auto pairAt = [&](int i) { return reinterpret_cast<const __m64*>(table.pair[ki[i]]); };
+    const __m128 p01 = _mm_loadh_pi(_mm_loadl_pi(_mm_setzero_ps(), pairAt(0)), pairAt(1));
+    const __m128 p23 = _mm_loadh_pi(_mm_loadl_pi(_mm_setzero_ps(), pairAt(2)), pairAt(3));
+    const __m128 entry = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
+    const __m128 step = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
+    return _mm_add_ps(entry, _mm_mul_ps(step, r));
+}
+
+// ((w0 a + w1 b) + w2 c) + w3 d with the lanes of w broadcast.
+inline __m128 blendFour(__m128 w, __m128 a, __m128 b, __m128 c, __m128 d) {
+    __m128 s = _mm_mul_ps(lane<0>(w), a);
+    s = _mm_add_ps(s, _mm_mul_ps(lane<1>(w), b));
+    s = _mm_add_ps(s, _mm_mul_ps(lane<2>(w), c));
+    return _mm_add_ps(s, _mm_mul_ps(lane<3>(w), d));
+}
+
+// Elements 0 and 1 at each of four pointers as two float vectors: lane l of
+// `first` is p[l][0], lane l of `second` is p[l][1].
+inline void loadPairs(const float* p0, const float* p1, const float* p2, const float* p3,
+                      __m128& first, __m128& second) {
+    const auto at = [](const float* p) { return reinterpret_cast<const __m64*>(p); };
+    const __m128 p01 = _mm_loadh_pi(_mm_loadl_pi(_mm_setzero_ps(), at(p0)), at(p1));
+    const __m128 p23 = _mm_loadh_pi(_mm_loadl_pi(_mm_setzero_ps(), at(p2)), at(p3));
+    first = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
+    second = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
+}
+template <class T>
+inline void loadPairs(const T* p0, const T* p1, const T* p2, const T* p3, __m128& first,
+                      __m128& second) {
+    // Each pair read as one little-endian integer, then split.
+    using Pair = std::conditional_t<sizeof(T) == 1, uint16_t, uint32_t>;
+    Pair v[4];
+    std::memcpy(&v[0], p0, sizeof(Pair));
+    std::memcpy(&v[1], p1, sizeof(Pair));
+    std::memcpy(&v[2], p2, sizeof(Pair));
+    std::memcpy(&v[3], p3, sizeof(Pair));
+    const __m128i both = _mm_setr_epi32(static_cast<int32_t>(v[0]), static_cast<int32_t>(v[1]),
+                                        static_cast<int32_t>(v[2]), static_cast<int32_t>(v[3]));
+    constexpr int bits = 8 * sizeof(T);
+    first = _mm_cvtepi32_ps(_mm_and_si128(both, _mm_set1_epi32((1 << bits) - 1)));
+    second = _mm_cvtepi32_ps(_mm_srli_epi32(both, bits));
 }
 
 // Four consecutive elements from p as floats.

@@ -6,6 +6,7 @@
 
 #include <qelr.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -85,9 +86,33 @@ inline float randomCoordinate(std::mt19937& rng, int lo, int hi) {
             return std::nanf("");
         case 5:
             return static_cast<float>(std::uniform_int_distribution<int>(lo, hi)(rng));
-        default:
-            return std::uniform_real_distribution<float>(lo - 0.3f, hi + 0.3f)(rng);
+        default:  // an axis one voxel thick is read at its voxel only
+            return lo == hi ? static_cast<float>(lo)
+                            : std::uniform_real_distribution<float>(lo - 0.3f, hi + 0.3f)(rng);
     }
+}
+
+struct Bounds {
+    int lo[3], hi[3];
+};
+
+inline Bounds boundsOf(const QelBox3D& box) {
+    return {{box.x, box.y, box.z},
+            {box.x + box.width - 1, box.y + box.height - 1, box.z + box.depth - 1}};
+}
+
+// Maps of a w x h x d destination with random coordinates around bounds b.
+inline Maps randomMaps(int w, int h, int d, const Bounds& b, std::mt19937& rng,
+                       bool flipRows = false) {
+    Maps maps(w, h, d, flipRows);
+    for (int z = 0; z < d; ++z)
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                maps.x.at(x, y, z) = randomCoordinate(rng, b.lo[0], b.hi[0]);
+                maps.y.at(x, y, z) = randomCoordinate(rng, b.lo[1], b.hi[1]);
+                maps.z.at(x, y, z) = randomCoordinate(rng, b.lo[2], b.hi[2]);
+            }
+    return maps;
 }
 
 // Kernel of a cubic mode at distance d, from the (B, C) family or the
@@ -117,10 +142,6 @@ inline float tableTapWeight(int mode, float f, int offset) {
     const float r = s - static_cast<float>(k);
     return table[k] + (table[k + 1] - table[k]) * r;
 }
-
-struct Bounds {
-    int lo[3], hi[3];
-};
 
 inline int clampTo(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 

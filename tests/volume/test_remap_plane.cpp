@@ -24,16 +24,6 @@ QelStatus remap2D(const PlanarVolume<T>& src, PlaneRect roi, const Maps& maps, P
                          dst.rowStep, {dst.w, dst.h}, mode);
 }
 
-Maps randomPlaneMaps(int w, int h, const Bounds& b, std::mt19937& rng) {
-    Maps maps(w, h, 1);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            maps.x.at(x, y, 0) = randomCoordinate(rng, b.lo[0], b.hi[0]);
-            maps.y.at(x, y, 0) = randomCoordinate(rng, b.lo[1], b.hi[1]);
-        }
-    return maps;
-}
-
 TEST(RemapPlane, StatusesInOrder) {
     PlanarVolume<float> src(6, 6, 1), dst(4, 4, 1);
     Maps maps(4, 4, 1);
@@ -80,7 +70,7 @@ TEST(RemapPlane, SmallPlanesDegradeTheMode) {
           Case{3, 8, {4, 6, 16}, qelInterpLinear}, Case{8, 1, {2, 4, 16}, qelInterpNearest}}) {
         PlanarVolume<uint16_t> src(c.w, c.h, 1);
         fillRandom(src, rng);
-        const Maps maps = randomPlaneMaps(9, 3, {{0, 0, 0}, {c.w - 1, c.h - 1, 0}}, rng);
+        const Maps maps = randomMaps(9, 3, 1, {{0, 0, 0}, {c.w - 1, c.h - 1, 0}}, rng);
         PlanarVolume<uint16_t> want(9, 3, 1);
         ASSERT_EQ(remap2D(src, {0, 0, c.w, c.h}, maps, want, c.becomes), qelOk);
         for (const int mode : c.modes) {
@@ -106,7 +96,7 @@ TEST(RemapPlane, LanczosMatchesTheWindowedSincAndInterpolates) {
     PlanarVolume<float> src(11, 9, 1);
     fillRandom(src, rng);
     const Bounds b{{1, 1, 0}, {10, 7, 0}};
-    Maps maps = randomPlaneMaps(13, 6, b, rng);
+    Maps maps = randomMaps(13, 6, 1, b, rng);
     maps.x.at(0, 0, 0) = 4.0f;
     maps.y.at(0, 0, 0) = 3.0f;
     PlanarVolume<float> dst(13, 6, 1);
