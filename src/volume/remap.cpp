@@ -44,19 +44,23 @@ void nearestRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T*
 
 // Base indices and fractions of one axis for four lanes: the base is the
 // coordinate truncated and lowered by one at the upper bound (kept at the
-// lower bound when the box is one element wide); the second index is
-// base + 1 kept inside the box. Lanes outside the box get clamped indices
-// that are safe to read.
+// lower bound when the box is one element thick); the second index is
+// base + 1 (the base itself on a one-element axis). Coordinates are first
+// moved onto the box (NaN onto its lower bound), so lanes outside it still
+// give indices that are safe to read; the integer minimum keeps the base
+// inside even where a bound is not exact in float.
 struct LinearAxis {
     __m128i base, next;
     __m128 frac;
 };
 
 inline LinearAxis linearAxis(__m128 coord, int32_t lo, int32_t hi) {
-    const __m128i vlo = _mm_set1_epi32(lo), vhi = _mm_set1_epi32(hi);
-    const __m128i base = maxEpi32(minEpi32(_mm_cvttps_epi32(coord), _mm_set1_epi32(hi - 1)), vlo);
-    const __m128i next = minEpi32(_mm_add_epi32(base, _mm_set1_epi32(1)), vhi);
-    return {base, next, _mm_sub_ps(coord, _mm_cvtepi32_ps(base))};
+    const __m128 c = _mm_min_ps(_mm_max_ps(coord, _mm_set1_ps(static_cast<float>(lo))),
+                                _mm_set1_ps(static_cast<float>(hi)));
+    const bool thick = hi > lo;
+    const __m128i base = minEpi32(_mm_cvttps_epi32(c), _mm_set1_epi32(thick ? hi - 1 : lo));
+    const __m128i next = _mm_add_epi32(base, _mm_set1_epi32(thick ? 1 : 0));
+    return {base, next, _mm_sub_ps(c, _mm_cvtepi32_ps(base))};
 }
 
 inline __m128 lerp(__m128 a, __m128 b, __m128 f) {
@@ -117,7 +121,7 @@ template <class T>
 void linearRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst, int32_t width,
                const float* mx, const float* my, const float* mz) {
     int32_t i = 0;
-    for (; i + 4 <= width; i += 4) {
+    for (; i <= width - 4; i += 4) {
         linearBlock(src, srcRowStep, box, dst + i, _mm_loadu_ps(mx + i), _mm_loadu_ps(my + i),
                     _mm_loadu_ps(mz + i), 0xF);
     }

@@ -1,5 +1,5 @@
 // Sampling pieces shared by the volume remap and the single-plane remap:
-// inclusive bounds, integer clamps on SSE lanes, tap weights from the
+// inclusive bounds, integer minimum on SSE lanes, tap weights from the
 // tabulated kernels, loads of four neighbouring elements as floats and
 // stores of rounded lanes that leave unselected elements unwritten.
 #pragma once
@@ -27,17 +27,10 @@ inline int32_t clampIndex(int32_t v, int32_t lo, int32_t hi) {
     return v < lo ? lo : (v > hi ? hi : v);
 }
 
-// Signed 32-bit minimum and maximum per lane (SSE2 has no instruction for them).
+// Signed 32-bit minimum per lane (SSE2 has no instruction for it).
 inline __m128i minEpi32(__m128i a, __m128i b) {
     const __m128i aGreater = _mm_cmpgt_epi32(a, b);
     return _mm_or_si128(_mm_and_si128(aGreater, b), _mm_andnot_si128(aGreater, a));
-}
-inline __m128i maxEpi32(__m128i a, __m128i b) {
-    const __m128i aGreater = _mm_cmpgt_epi32(a, b);
-    return _mm_or_si128(_mm_and_si128(aGreater, a), _mm_andnot_si128(aGreater, b));
-}
-inline __m128i clampEpi32(__m128i v, __m128i lo, __m128i hi) {
-    return minEpi32(maxEpi32(v, lo), hi);
 }
 
 // Lanes where lo <= v <= hi; NaN lanes fail.
