@@ -35,6 +35,11 @@ struct PlanarVolume {
             planes.push_back(reinterpret_cast<T*>(plane));
         }
     }
+    // The plane pointers point into `bytes`: moving keeps them valid, copying would not.
+    PlanarVolume(PlanarVolume&&) = default;
+    PlanarVolume(const PlanarVolume&) = delete;
+    PlanarVolume& operator=(const PlanarVolume&) = delete;
+
     T& at(int x, int y, int z) {
         return reinterpret_cast<T*>(reinterpret_cast<uint8_t*>(planes[z]) +
                                     static_cast<ptrdiff_t>(y) * rowStep)[x];

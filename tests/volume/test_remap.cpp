@@ -123,6 +123,32 @@ TYPED_TEST(RemapTyped, MatchesLiteralReferenceForEveryMode) {
     }
 }
 
+// The cubic taps are read with one vector load inside the box and one by one
+// (clamped) at its edge. With column 0 equal to column 1, a box from x = 1
+// clamps tap 0 onto an equal value, so both paths must give the same bits.
+TEST(Remap, CubicEdgeGatherAgreesWithTheVectorLoad) {
+    std::mt19937 rng(31);
+    PlanarVolume<float> src(8, 6, 6);
+    fillRandom(src, rng);
+    for (int z = 0; z < 6; ++z)
+        for (int y = 0; y < 6; ++y) src.at(0, y, z) = src.at(1, y, z);
+    std::uniform_real_distribution<float> inside(0.0f, 5.0f), nearEdge(1.0f, 1.999f);
+    Maps maps(13, 4, 3);
+    for (int z = 0; z < 3; ++z)
+        for (int y = 0; y < 4; ++y)
+            for (int x = 0; x < 13; ++x) {
+                maps.x.at(x, y, z) = nearEdge(rng);
+                maps.y.at(x, y, z) = inside(rng);
+                maps.z.at(x, y, z) = inside(rng);
+            }
+    for (const int mode : {4, 5, 6, 7}) {
+        PlanarVolume<float> vector(13, 4, 3), edge(13, 4, 3);
+        ASSERT_EQ(remap(src, {0, 0, 0, 8, 6, 6}, maps, vector, mode), qelOk);
+        ASSERT_EQ(remap(src, {1, 0, 0, 7, 6, 6}, maps, edge, mode), qelOk);
+        EXPECT_EQ(vector.bytes, edge.bytes) << "mode " << mode;
+    }
+}
+
 // mx = x1 is read, mx = x1 + 0.001 is not, for every mode; linear at x1
 // returns the voxel at x1 exactly (lowered base, fraction 1).
 TYPED_TEST(RemapTyped, UpperBoundIsInclusiveAndJustBeyondIsUntouched) {
