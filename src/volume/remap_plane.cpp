@@ -14,8 +14,11 @@ namespace qelr::volume {
 namespace {
 
 // ---------------------------------------------------------------------------
-// Lanczos-3: sinc(d) sinc(d / 3) for d < 3, tabulated like the cubics.
+// Lanczos-3: sinc(d) sinc(d / 3) for d < 3, sampled like the cubic tables at
+// d = k / 100 for k = 0..300 (rounded to float), then zeros so that the entry
+// after any index up to 300 exists.
 
+constexpr int kLanczosTableSize = 304;
 using LanczosTable = std::array<float, kLanczosTableSize>;
 
 LanczosTable makeLanczosTable() {
@@ -176,8 +179,6 @@ inline int degradeModeForPlane(int mode, QelSize2D s) {
 }
 
 }  // namespace
-
-const float* lanczosTable() { return kLanczos.data(); }
 
 template <class T>
 QelStatus remapPlane(const T* src, QelSize2D srcSize, int srcStep, PlaneRect srcRoi,

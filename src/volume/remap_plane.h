@@ -43,9 +43,4 @@ extern template QelStatus remapPlane<uint16_t>(const uint16_t*, QelSize2D, int, 
 extern template QelStatus remapPlane<float>(const float*, QelSize2D, int, PlaneRect, const float*,
                                             int, const float*, int, float*, int, QelSize2D, int);
 
-// The Lanczos-3 kernel sampled at d = k / 100 for k = 0..300 (rounded to
-// float), followed by zeros, for the table rule of the cubic modes.
-constexpr int kLanczosTableSize = 304;
-const float* lanczosTable();
-
 }  // namespace qelr::volume
