@@ -141,7 +141,9 @@ void linearRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* 
 }
 
 // ---------------------------------------------------------------------------
-// Cubic family: a 4 x 4 x 4 neighbourhood per voxel, taps clamped into the box.
+// Cubic family: a 4 x 4 x 4 neighbourhood per voxel. Near the faces of the
+// box the taps beyond it are clamped onto it (edge voxels repeat), as linear
+// keeps its pair inside, so every read stays inside the accepted box.
 
 template <class T, int Mode>
 void cubicRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst, int32_t width,

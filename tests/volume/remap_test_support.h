@@ -15,25 +15,24 @@
 
 namespace remap_test {
 
-// A planar volume with padded rows; with `flipRows` the rows are stored
-// bottom-up and the row step is negative.
+// A planar volume, each plane in its own allocation so that the address
+// sanitizer sees reads past a plane. Rows are exact, or, with `flipRows`,
+// padded by three elements and stored bottom-up with a negative row step.
 template <class T>
 struct PlanarVolume {
     int w = 0, h = 0, d = 0;
-    int rowStep = 0;  // bytes
-    std::vector<uint8_t> bytes;
+    int rowStep = 0;                          // bytes
+    std::vector<std::vector<uint8_t>> bytes;  // per plane
     std::vector<T*> planes;
 
     PlanarVolume(int width, int height, int depth, bool flipRows = false)
         : w(width), h(height), d(depth) {
-        const int rowBytes = static_cast<int>((width + 3) * sizeof(T));
-        bytes.assign(static_cast<size_t>(rowBytes) * height * depth, 0);
+        const int rowBytes = static_cast<int>((width + (flipRows ? 3 : 0)) * sizeof(T));
         rowStep = flipRows ? -rowBytes : rowBytes;
-        for (int z = 0; z < depth; ++z) {
-            uint8_t* plane = bytes.data() + static_cast<size_t>(rowBytes) * height * z;
-            if (flipRows) plane += static_cast<size_t>(rowBytes) * (height - 1);
-            planes.push_back(reinterpret_cast<T*>(plane));
-        }
+        bytes.assign(depth, std::vector<uint8_t>(static_cast<size_t>(rowBytes) * height, 0));
+        for (auto& plane : bytes)
+            planes.push_back(reinterpret_cast<T*>(
+                plane.data() + (flipRows ? static_cast<size_t>(rowBytes) * (height - 1) : 0)));
     }
     // The plane pointers point into `bytes`: moving keeps them valid, copying would not.
     PlanarVolume(PlanarVolume&&) = default;

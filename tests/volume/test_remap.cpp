@@ -224,7 +224,7 @@ TYPED_TEST(RemapTyped, SameBitsForEveryTeamSize) {
     fillRandom(src, rng);
     const Maps maps = randomMaps(20, 17, 19, {{0, 0, 0}, {11, 10, 9}}, rng);
     for (const int mode : kModes) {
-        std::vector<uint8_t> first;
+        std::vector<std::vector<uint8_t>> first;
         for (const int threads : {1, 2, 3, 4}) {
             qelSetNumThreads(threads);
             PlanarVolume<T> dst(20, 17, 19);
