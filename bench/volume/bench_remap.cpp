@@ -61,9 +61,9 @@ struct Volume {
 };
 
 QelStatus remap(const Volume<uint8_t>& s, Volume<uint8_t>& d, const Maps& m, int mode) {
-    return qelrRemap_8u_C1PV(s.planes.data(), {kN, kN, kN}, kN, {0, 0, 0, kN, kN, kN},
-                             m.px.data(), m.py.data(), m.pz.data(), kN * 4, d.planes.data(), kN,
-                             {kN, kN, kN}, mode);
+    return qelrRemap_8u_C1PV(s.planes.data(), {kN, kN, kN}, kN, {0, 0, 0, kN, kN, kN}, m.px.data(),
+                             m.py.data(), m.pz.data(), kN * 4, d.planes.data(), kN, {kN, kN, kN},
+                             mode);
 }
 QelStatus remap(const Volume<uint16_t>& s, Volume<uint16_t>& d, const Maps& m, int mode) {
     return qelrRemap_16u_C1PV(s.planes.data(), {kN, kN, kN}, kN * 2, {0, 0, 0, kN, kN, kN},
@@ -101,8 +101,11 @@ void modesAndThreads(benchmark::internal::Benchmark* b) {
         for (int threads : {1, 0}) b->Args({mode, threads});
     // The machine may be shared: besides the median, the fastest repetition
     // shows what the code does when nothing else runs.
-    b->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics(
-        "min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); });
+    b->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->ComputeStatistics("min", [](const std::vector<double>& v) {
+            return *std::min_element(v.begin(), v.end());
+        });
 }
 
 BENCHMARK(BM_Remap<uint8_t>)->Apply(modesAndThreads);
