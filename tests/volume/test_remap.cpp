@@ -175,19 +175,6 @@ TYPED_TEST(RemapTyped, UpperBoundIsInclusiveAndJustBeyondIsUntouched) {
     }
 }
 
-// Maps spread over the whole of a source of the given extent.
-Maps mapsOver(const QelVolumeSize& s, int w, int h, int d, std::mt19937& rng) {
-    Maps maps(w, h, d);
-    for (int z = 0; z < d; ++z)
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x) {
-                maps.x.at(x, y, z) = std::uniform_real_distribution<float>(0, s.width - 1)(rng);
-                maps.y.at(x, y, z) = std::uniform_real_distribution<float>(0, s.height - 1)(rng);
-                maps.z.at(x, y, z) = std::uniform_real_distribution<float>(0, s.depth - 1)(rng);
-            }
-    return maps;
-}
-
 TYPED_TEST(RemapTyped, SmallSourcesDegradeTheMode) {
     using T = TypeParam;
     std::mt19937 rng(5);
@@ -204,7 +191,7 @@ TYPED_TEST(RemapTyped, SmallSourcesDegradeTheMode) {
         PlanarVolume<T> src(c.size.width, c.size.height, c.size.depth);
         fillRandom(src, rng);
         const QelBox3D box{0, 0, 0, c.size.width, c.size.height, c.size.depth};
-        const Maps maps = mapsOver(c.size, 7, 3, 2, rng);
+        const Maps maps = randomMaps(7, 3, 2, boundsOf(box), rng);
         PlanarVolume<T> want(7, 3, 2);
         ASSERT_EQ(remap(src, box, maps, want, c.becomes), qelOk);
         for (const int mode : c.modes) {
@@ -240,7 +227,6 @@ TYPED_TEST(RemapTyped, SameBitsForEveryTeamSize) {
 
 TEST(Remap, NearestRoundsInTheCurrentModeTiesToEven) {
     PlanarVolume<float> src(6, 6, 6);
-    for (int x = 0; x < 6; ++x) src.at(x, 1, 1) = static_cast<float>(10 * x);
     Maps maps(3, 1, 1);
     const float xs[3] = {2.5f, 3.5f, 2.49f};
     for (int i = 0; i < 3; ++i) {
