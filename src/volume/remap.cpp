@@ -81,27 +81,27 @@ inline void linearBlock(const T* const* src, int srcRowStep, const InclusiveBox&
     const LinearAxis ax = linearAxis(fx, box.x0, box.x1);
     const LinearAxis ay = linearAxis(fy, box.y0, box.y1);
     const LinearAxis az = linearAxis(fz, box.z0, box.z1);
-    alignas(16) int32_t xs[4], y0[4], y1[4], z0[4], z1[4];
+    alignas(16) int32_t xs[4], ys[4], z0[4], z1[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(xs), ax.base);
-    _mm_store_si128(reinterpret_cast<__m128i*>(y0), ay.base);
-    _mm_store_si128(reinterpret_cast<__m128i*>(y1), ay.next);
+    _mm_store_si128(reinterpret_cast<__m128i*>(ys), ay.base);
     _mm_store_si128(reinterpret_cast<__m128i*>(z0), az.base);
     _mm_store_si128(reinterpret_cast<__m128i*>(z1), az.next);
-    // Per lane: the first voxel of the pair in planes z0 and z1, and the
-    // offsets of rows y0 and y1.
-    const uint8_t* near[4];
-    const uint8_t* far[4];
-    ptrdiff_t top[4], bottom[4];
+    // The first voxel of each pair per lane, in rows (y0, z0), (y1, z0),
+    // (y0, z1), (y1, z1); row y1 is the next row, or y0 itself on a box one
+    // row tall.
+    const ptrdiff_t nextRow = box.y1 > box.y0 ? srcRowStep : 0;
+    const uint8_t* corner[4][4];
     for (int l = 0; l < 4; ++l) {
-        const ptrdiff_t x = static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
-        near[l] = reinterpret_cast<const uint8_t*>(src[z0[l]]) + x;
-        far[l] = reinterpret_cast<const uint8_t*>(src[z1[l]]) + x;
-        top[l] = static_cast<ptrdiff_t>(y0[l]) * srcRowStep;
-        bottom[l] = static_cast<ptrdiff_t>(y1[l]) * srcRowStep;
+        const ptrdiff_t offset = static_cast<ptrdiff_t>(ys[l]) * srcRowStep +
+                                 static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
+        corner[0][l] = reinterpret_cast<const uint8_t*>(src[z0[l]]) + offset;
+        corner[1][l] = corner[0][l] + nextRow;
+        corner[2][l] = reinterpret_cast<const uint8_t*>(src[z1[l]]) + offset;
+        corner[3][l] = corner[2][l] + nextRow;
     }
     // The pair (x, x + 1) of four rows, blended along x.
-    const auto alongX = [&](const uint8_t* const* plane, const ptrdiff_t* row) {
-        const auto at = [&](int l) { return reinterpret_cast<const T*>(plane[l] + row[l]); };
+    const auto alongX = [&](const uint8_t* const* rows) {
+        const auto at = [&](int l) { return reinterpret_cast<const T*>(rows[l]); };
         __m128 a, b;
         if (box.x1 > box.x0) {
             loadPairs(at(0), at(1), at(2), at(3), a, b);
@@ -112,8 +112,8 @@ inline void linearBlock(const T* const* src, int srcRowStep, const InclusiveBox&
         return lerp(a, b, ax.frac);
     };
     // Along x, then y, then z.
-    const __m128 d0 = lerp(alongX(near, top), alongX(near, bottom), ay.frac);
-    const __m128 d1 = lerp(alongX(far, top), alongX(far, bottom), ay.frac);
+    const __m128 d0 = lerp(alongX(corner[0]), alongX(corner[1]), ay.frac);
+    const __m128 d1 = lerp(alongX(corner[2]), alongX(corner[3]), ay.frac);
     storeLanes(dst, lerp(d0, d1, az.frac), mask);
 }
 
