@@ -1,8 +1,9 @@
 // qelr-volume: the volume functions of libqelr on a synthetic phantom.
 //
 // Builds a 3-D phantom of nested ellipsoids, then warps it (a rotation),
-// and filters a 16-bit copy with a smoothing and an edge kernel, timing each
-// call, and writes every result as a PNG montage of slices.
+// remaps it (a swirl about the z axis) and filters a 16-bit copy
+// with a smoothing and an edge kernel, timing each call, and writes every
+// result as a PNG montage of slices.
 //
 //     qelr-volume [output-directory]
 #include <qelcore.h>
@@ -134,6 +135,25 @@ void rotationAboutCentre(double az, double ax, double c[3][4]) {
     }
 }
 
+// The maps of a swirl about the z axis through the centre: a voxel at radius
+// r < R reads the source rotated by maxTurn * (1 - r / R) radians.
+struct SwirlMaps {
+    Volume<float> x{kN, kN, kN}, y{kN, kN, kN}, z{kN, kN, kN};
+
+    explicit SwirlMaps(double maxTurn) {
+        const double c = (kN - 1) / 2.0, R = 0.9 * c;
+        for (int k = 0; k < kN; ++k)
+            for (int j = 0; j < kN; ++j)
+                for (int i = 0; i < kN; ++i) {
+                    const double dx = i - c, dy = j - c, r = std::hypot(dx, dy);
+                    const double t = r < R ? maxTurn * (1 - r / R) * (1 - r / R) : 0;
+                    x.at(i, j, k) = float(c + dx * std::cos(t) - dy * std::sin(t));
+                    y.at(i, j, k) = float(c + dx * std::sin(t) + dy * std::cos(t));
+                    z.at(i, j, k) = float(k);
+                }
+    }
+};
+
 // Filters `src` (which carries a margin of at least 1) with a 3x3x3 kernel.
 QelStatus filter3(const Volume<int16_t>& src, Volume<int16_t>& dst, const int32_t kernel[27],
                   int divisor) {
@@ -181,6 +201,16 @@ int main(int argc, char** argv) {
                                       qelInterpCubicCatmullRom);
     });
     writeMontage(dir + "volume_warp_rotation.png", rotated, 0, 255);
+
+    // Remap: a swirl about the z axis, trilinear.
+    const SwirlMaps swirl(2.0);
+    Volume<uint8_t> swirled(kN, kN, kN);
+    timed("remap, swirl (8u, linear)", voxels, [&] {
+        return qelrRemap_8u_C1PV(phantom8.region(), size, phantom8.rowStep(), box, swirl.x.region(),
+                                 swirl.y.region(), swirl.z.region(), swirl.x.rowStep(),
+                                 swirled.region(), swirled.rowStep(), size, qelInterpLinear);
+    });
+    writeMontage(dir + "volume_remap_swirl.png", swirled, 0, 255);
 
     // Filters: a binomial smoothing (1 2 1 in each axis, divisor 64) and the
     // six-neighbour Laplacian as an edge kernel.
