@@ -4,7 +4,7 @@
 # compare against (Embree, SciPy) and the real test meshes.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev pkg-config)
+packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev pkg-config zlib1g-dev)
 if [[ "${1:-}" == "--bench" ]]; then
   packages+=(libembree-dev python3-numpy python3-scipy assimp-testmodels)
 fi
