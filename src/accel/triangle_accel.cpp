@@ -52,8 +52,8 @@ void initRecord(TriangleAccel& rec, const Vec3d& v0, const Vec3d& v1, const Vec3
     rec.pu = static_cast<float>(v2.v[u]);
     rec.pv = static_cast<float>(v2.v[v]);
 
-    uint32_t axes = static_cast<uint32_t>(v) | static_cast<uint32_t>(u) << 2 |
-                    static_cast<uint32_t>(k) << 4;
+    uint32_t axes =
+        static_cast<uint32_t>(v) | static_cast<uint32_t>(u) << 2 | static_cast<uint32_t>(k) << 4;
     if (std::fabs(n[u]) < DBL_EPSILON && std::fabs(n[v]) < DBL_EPSILON) {
         axes |= 0x80000000u;  // plane perpendicular to axis k
         rec.nu = 0.0f;

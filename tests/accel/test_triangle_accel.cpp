@@ -134,7 +134,7 @@ TEST(TriangleAccel, RecordsReproduceBarycentricsOfRandomTriangles) {
                                e1[0] * e2[1] - e1[1] * e2[0]};
         const double len = std::sqrt(nrm[0] * nrm[0] + nrm[1] * nrm[1] + nrm[2] * nrm[2]);
         const double area = 0.5 * len;
-        if (area < 1.0) continue;  // keep the check away from slivers
+        if (area < 1.0) continue;         // keep the check away from slivers
         const double wb = 0.2, wc = 0.3;  // weights of the first and second vertex
         float o[3], d[3];
         for (int a = 0; a < 3; ++a) {

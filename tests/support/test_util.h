@@ -21,11 +21,11 @@ inline float floatOf(uint32_t u) {
 // Restores the team size of the library's parallel regions when it leaves
 // scope, so a test that changes it does not leak the change.
 class ThreadCountGuard {
-   public:
+ public:
     ThreadCountGuard();
     ~ThreadCountGuard();
 
-   private:
+ private:
     int saved_;
 };
 

@@ -1,0 +1,331 @@
+// The cost-driven KD-tree build.
+//
+// Every pending node owns a segment of the reference array (triangle index and
+// the box of the triangle's part inside the node's cell) and, per axis, a
+// segment of events sorted by (position, key). The events are sorted once at
+// the root. When a node splits, the references that go to one side only keep
+// their boxes and their events, which are filtered into the children in order;
+// only the triangles cut by the plane are clipped to the child cells and get
+// new events, which are sorted (few of them) and merged in. Every split is
+// therefore linear in the node's references apart from the cut triangles, and
+// the build grows as n log n.
+//
+// Pending nodes live on an explicit stack. Their segments are stacked the same
+// way in the working arrays: a node's children replace it at the same place,
+// the child above the split first, so the child below (processed first) is
+// always on top and working memory stays proportional to the references.
+#include "accel/kdtree_build.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <cstring>
+
+#include "accel/kdtree_sweep.h"
+#include "core/memory.h"
+
+namespace qelr::accel {
+
+namespace {
+
+constexpr double kMinThreshold = 9.999999747378752e-06;
+constexpr float kMinExtent = 1e-5f;
+
+// A growable working array from the library's memory services.
+template <class T>
+class Pool {
+ public:
+    Pool() = default;
+    ~Pool() { core::freeMemory(data_); }
+    Pool(const Pool&) = delete;
+    Pool& operator=(const Pool&) = delete;
+
+    T* data() { return data_; }
+
+    // Room for n elements, keeping the first `keep`.
+    bool reserve(int64_t n, int64_t keep) {
+        if (n <= cap_) return true;
+        const int64_t maxElems = INT32_MAX / static_cast<int64_t>(sizeof(T));
+        if (n > maxElems) return false;
+        const int64_t want = std::min(std::max(n, cap_ + cap_ / 2), maxElems);
+        T* d = static_cast<T*>(core::allocBytes(static_cast<int32_t>(want * sizeof(T))));
+        if (d == nullptr) return false;
+        if (keep > 0) std::memcpy(d, data_, static_cast<size_t>(keep) * sizeof(T));
+        core::freeMemory(data_);
+        data_ = d;
+        cap_ = want;
+        return true;
+    }
+
+ private:
+    T* data_ = nullptr;
+    int64_t cap_ = 0;
+};
+
+struct Task {
+    Box3 cell;
+    int32_t depth;
+    int32_t slot;
+    int32_t refBegin;
+    int32_t refCount;
+    int32_t evBegin[3];
+    int32_t evCount[3];
+};
+
+// Appends the events of reference `local` on axis a.
+inline int32_t addEvents(const TriRef& r, int a, uint32_t local, Event* out) {
+    if (r.mn[a] == r.mx[a]) {
+        out[0] = {r.mn[a], local << 2 | kEventPlanar};
+        return 1;
+    }
+    out[0] = {r.mn[a], local << 2 | kEventStart};
+    out[1] = {r.mx[a], local << 2 | kEventEnd};
+    return 2;
+}
+
+class Builder {
+ public:
+    explicit Builder(const CostDrivenInput& in)
+        : in_(in), f_(qualityFactor(in.quality)), stream_(in.budgetBytes, in.blockBytes) {}
+
+    QelStatus run(KDTreeNode** outTree, int* outTreeSize);
+
+ private:
+    QelStatus initRoot(Task& root);
+    void scoreNode(const Task& t, double scores[3], AxisScore results[3]);
+    QelStatus split(const Task& t, const SplitPlane& plane, Task& below, Task& above);
+    QelStatus splitEvents(const Task& t, int b, int32_t straddlers, Task& below, Task& above);
+
+    const CostDrivenInput& in_;
+    const float f_;
+    TreeStream stream_;
+    Pool<TriRef> refs_;
+    Pool<Event> events_[3];
+    Pool<Event> fresh_[2];    // new events of cut triangles, per child
+    Pool<uint8_t> side_;      // side bits of each reference of the node
+    Pool<int32_t> remap_[2];  // index of each reference in the child below / above
+    Pool<int32_t> cut_;       // the node's references that the plane cuts
+};
+
+QelStatus Builder::initRoot(Task& root) {
+    const int32_t count = in_.triangleCount;
+    if (!refs_.reserve(count > 0 ? count : 1, 0)) return qelErrNoMemory;
+    Box3 cell = {{FLT_MAX, FLT_MAX, FLT_MAX}, {-FLT_MAX, -FLT_MAX, -FLT_MAX}};
+    int32_t n = 0;
+    TriRef* refs = refs_.data();
+    for (int32_t t = 0; t < count; ++t) {
+        double v[3][3];
+        if (!fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, t, v)) continue;
+        TriRef& r = refs[n++];
+        r.tri = t;
+        for (int a = 0; a < 3; ++a) {
+            r.mn[a] = static_cast<float>(std::min({v[0][a], v[1][a], v[2][a]}));
+            r.mx[a] = static_cast<float>(std::max({v[0][a], v[1][a], v[2][a]}));
+            cell.mn[a] = std::min(cell.mn[a], r.mn[a]);
+            cell.mx[a] = std::max(cell.mx[a], r.mx[a]);
+        }
+    }
+    if (n == 0) cell = Box3{{0, 0, 0}, {0, 0, 0}};
+    root = Task{cell, 0, 0, 0, n, {0, 0, 0}, {0, 0, 0}};
+    for (int a = 0; a < 3; ++a) {
+        if (!events_[a].reserve(2 * static_cast<int64_t>(n) + 1, 0)) return qelErrNoMemory;
+        Event* ev = events_[a].data();
+        int32_t m = 0;
+        for (int32_t i = 0; i < n; ++i)
+            m += addEvents(refs[i], a, static_cast<uint32_t>(i), ev + m);
+        std::sort(ev, ev + m, eventLess);
+        root.evCount[a] = m;
+    }
+    return qelOk;
+}
+
+void Builder::scoreNode(const Task& t, double scores[3], AxisScore results[3]) {
+    const int32_t n = t.refCount;
+    auto scoreOne = [&](int a) {
+        return scoreAxis(axisFrame(t.cell, a), events_[a].data() + t.evBegin[a], t.evCount[a], n,
+                         2 * n - t.evCount[a]);
+    };
+    for (int a = 0; a < 3; ++a) results[a] = AxisScore{DBL_MAX, 0.0f, true};
+
+    int eligible[3];
+    int k = 0;
+    for (int a = 0; a < 3; ++a)
+        if (t.cell.mx[a] - t.cell.mn[a] > kMinExtent) eligible[k++] = a;
+
+    if (n >= kParallelScoringMin && k >= 2) {
+        // One thread per eligible axis; each result goes to its own slot, so
+        // the decision taken after the region does not depend on timing. The
+        // loop also covers a runtime that grants a smaller team.
+#pragma omp parallel num_threads(k)
+        {
+            const int nt = omp_get_num_threads();
+            for (int i = omp_get_thread_num(); i < k; i += nt) {
+                const AxisScore r = scoreOne(eligible[i]);
+#pragma omp critical(qelr_kdtree_axis_merge)
+                results[eligible[i]] = r;
+            }
+        }
+    } else {
+        for (int a = 0; a < 3; ++a) results[a] = scoreOne(a);
+    }
+    for (int a = 0; a < 3; ++a) scores[a] = results[a].score;
+}
+
+QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Task& above) {
+    const int32_t n = t.refCount;
+    const int a = plane.axis;
+    below = t;
+    above = t;
+    below.cell.mx[a] = plane.position;
+    above.cell.mn[a] = plane.position;
+    below.depth = above.depth = t.depth + 1;
+
+    if (!side_.reserve(n, 0) || !remap_[0].reserve(n, 0) || !remap_[1].reserve(n, 0) ||
+        !cut_.reserve(n, 0))
+        return qelErrNoMemory;
+    uint8_t* side = side_.data();
+    int32_t* toBelow = remap_[0].data();
+    int32_t* toAbove = remap_[1].data();
+    int32_t nBelow = 0, nAbove = 0, straddlers = 0;
+    {
+        const TriRef* refs = refs_.data() + t.refBegin;
+        for (int32_t i = 0; i < n; ++i) {
+            const int s = sideOf(refs[i], plane);
+            side[i] = static_cast<uint8_t>(s);
+            toBelow[i] = (s & 1) ? nBelow++ : -1;
+            toAbove[i] = (s & 2) ? nAbove++ : -1;
+            if (s == 3) cut_.data()[straddlers++] = i;
+        }
+    }
+
+    // Children's references after the node's, above first, then moved down.
+    const int64_t top = static_cast<int64_t>(t.refBegin) + n;
+    if (!refs_.reserve(top + nAbove + nBelow, top)) return qelErrNoMemory;
+    TriRef* refs = refs_.data() + t.refBegin;
+    TriRef* outAbove = refs_.data() + top;
+    TriRef* outBelow = outAbove + nAbove;
+    for (int32_t i = 0; i < n; ++i) {
+        if (side[i] & 2) outAbove[toAbove[i]] = refs[i];
+        if (side[i] & 1) outBelow[toBelow[i]] = refs[i];
+    }
+    for (int32_t j = 0; j < straddlers; ++j) {
+        const int32_t i = cut_.data()[j];
+        double v[3][3];
+        fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, refs[i].tri, v);
+        clipToCell(v, above.cell, outAbove[toAbove[i]]);
+        clipToCell(v, below.cell, outBelow[toBelow[i]]);
+    }
+    std::memmove(refs, outAbove, static_cast<size_t>(nAbove + nBelow) * sizeof(TriRef));
+    above.refBegin = t.refBegin;
+    above.refCount = nAbove;
+    below.refBegin = t.refBegin + nAbove;
+    below.refCount = nBelow;
+
+    for (int b = 0; b < 3; ++b) {
+        const QelStatus st = splitEvents(t, b, straddlers, below, above);
+        if (st != qelOk) return st;
+    }
+    return qelOk;
+}
+
+QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& below, Task& above) {
+    // New events of the cut triangles, sorted, per child.
+    int32_t freshCount[2] = {0, 0};
+    const int64_t freshCap = 2 * static_cast<int64_t>(straddlers) + 1;
+    if (!fresh_[0].reserve(freshCap, 0) || !fresh_[1].reserve(freshCap, 0)) return qelErrNoMemory;
+    const TriRef* childRefs[2] = {refs_.data() + below.refBegin, refs_.data() + above.refBegin};
+    const int32_t* remap[2] = {remap_[0].data(), remap_[1].data()};
+    for (int c = 0; c < 2; ++c) {
+        Event* fresh = fresh_[c].data();
+        for (int32_t j = 0; j < straddlers; ++j) {
+            const int32_t local = remap[c][cut_.data()[j]];
+            freshCount[c] += addEvents(childRefs[c][local], b, static_cast<uint32_t>(local),
+                                       fresh + freshCount[c]);
+        }
+        std::sort(fresh, fresh + freshCount[c], eventLess);
+    }
+
+    // Filter the node's events into the children (above first) behind the
+    // node's segment, merging the new events in, then move them down.
+    const int32_t begin = t.evBegin[b];
+    const int32_t count = t.evCount[b];
+    const int64_t top = static_cast<int64_t>(begin) + count;
+    if (!events_[b].reserve(top + count + freshCount[0] + freshCount[1], top))
+        return qelErrNoMemory;
+    const Event* ev = events_[b].data() + begin;
+    const uint8_t* side = side_.data();
+    Event* out = events_[b].data() + top;
+    int32_t written[2] = {0, 0};
+    for (int c = 1; c >= 0; --c) {
+        const uint8_t bit = c == 0 ? 1 : 2;
+        const Event* fresh = fresh_[c].data();
+        int32_t fi = 0;
+        Event* o = out;
+        for (int32_t i = 0; i < count; ++i) {
+            const uint32_t local = ev[i].key >> 2;
+            if (side[local] != bit) continue;  // other side, or cut (new events)
+            const Event e = {ev[i].pos,
+                             static_cast<uint32_t>(remap[c][local]) << 2 | (ev[i].key & 3u)};
+            while (fi < freshCount[c] && eventLess(fresh[fi], e)) *o++ = fresh[fi++];
+            *o++ = e;
+        }
+        while (fi < freshCount[c]) *o++ = fresh[fi++];
+        written[c] = static_cast<int32_t>(o - out);
+        out = o;
+    }
+    std::memmove(events_[b].data() + begin, events_[b].data() + top,
+                 static_cast<size_t>(written[0] + written[1]) * sizeof(Event));
+    above.evBegin[b] = begin;
+    above.evCount[b] = written[1];
+    below.evBegin[b] = begin + written[1];
+    below.evCount[b] = written[0];
+    return qelOk;
+}
+
+QelStatus Builder::run(KDTreeNode** outTree, int* outTreeSize) {
+    Task stack[kMaxDepthLimit + 4];
+    int top = 0;
+    QelStatus st = initRoot(stack[top++]);
+    while (st == qelOk && top > 0) {
+        const Task t = stack[--top];
+        const int32_t n = t.refCount;
+        bool makeLeaf = n == 0 || t.depth >= static_cast<int32_t>(in_.depthLimit);
+        SplitPlane plane{0, 0.0f, true};
+        if (!makeLeaf) {
+            const double cost = leafCost(t.cell, n);
+            const double threshold = std::max(kMinThreshold, f_ * cost);
+            double scores[3];
+            AxisScore results[3];
+            scoreNode(t, scores, results);
+            const int axis = chooseAxis(scores);
+            plane = SplitPlane{axis, results[axis].position, results[axis].planarBelow};
+            makeLeaf = !(n * (cost - scores[axis]) > threshold);
+        }
+        if (makeLeaf) {
+            st = stream_.leafFromRefs(t.slot, refs_.data() + t.refBegin, n);
+            continue;
+        }
+        Task below, above;
+        st = split(t, plane, below, above);
+        if (st != qelOk) break;
+        const int32_t pair = stream_.newPair();
+        below.slot = pair;
+        above.slot = pair + 1;
+        st = stream_.inner(t.slot, plane.axis, plane.position, pair);
+        stack[top++] = above;
+        stack[top++] = below;
+    }
+    if (st != qelOk) return st;
+    return stream_.finish(outTree, outTreeSize);
+}
+
+}  // namespace
+
+QelStatus buildCostDriven(const CostDrivenInput& in, KDTreeNode** outTree, int* outTreeSize) {
+    Builder builder(in);
+    return builder.run(outTree, outTreeSize);
+}
+
+}  // namespace qelr::accel

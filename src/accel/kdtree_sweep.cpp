@@ -1,0 +1,116 @@
+// The exact surface-area sweep over one axis of a node.
+//
+// Counting rules: at a position p, the below side holds the triangles whose
+// minimum is strictly below p, the above side those whose maximum is strictly
+// above p. A triangle flat on the axis exactly at p goes to one side; both
+// choices are scored, below first. Scores depend only on p, so the events of
+// one position are taken together and positions are visited in ascending
+// order; a candidate replaces the best only when strictly cheaper, so the
+// lowest of equally good positions wins.
+#include "accel/kdtree_sweep.h"
+
+#include <cfloat>
+
+namespace qelr::accel {
+
+namespace {
+constexpr float kMinExtent = 1e-5f;
+constexpr double kEmptySpaceWeight = 0.699999988079071;  // 0.7f widened
+}  // namespace
+
+float qualityFactor(float quality) {
+    return static_cast<float>((10.0 - 9.0 * static_cast<double>(quality)) * 0.5057569742202759);
+}
+
+double leafCost(const Box3& cell, int32_t n) {
+    const double dx = cell.mx[0] - cell.mn[0];
+    const double dy = cell.mx[1] - cell.mn[1];
+    const double dz = cell.mx[2] - cell.mn[2];
+    return (dz * (dx + dy) + dx * dy) * n;
+}
+
+AxisFrame axisFrame(const Box3& cell, int axis) {
+    const int a = (axis + 1) % 3;
+    const int b = (axis + 2) % 3;
+    AxisFrame f;
+    f.lo = cell.mn[axis];
+    f.hi = cell.mx[axis];
+    f.extent = f.hi - f.lo;
+    const float dA = cell.mx[a] - cell.mn[a];
+    const float dB = cell.mx[b] - cell.mn[b];
+    f.usable = f.extent > kMinExtent && (dA > kMinExtent || dB > kMinExtent);
+    f.sumAB = static_cast<double>(dA) + static_cast<double>(dB);
+    const double prod = static_cast<double>(dA) * static_cast<double>(dB);
+    f.g = prod < 1e-9 ? 0.0 : prod / f.sumAB;
+    return f;
+}
+
+AxisScore scoreAxis(const AxisFrame& fr, const Event* ev, int32_t count, int32_t n,
+                    int32_t planarCount) {
+    AxisScore out{DBL_MAX, 0.0f, true};
+    if (!fr.usable || count == 0) return out;
+    const double lo = fr.lo, hi = fr.hi, g = fr.g;
+
+    // Empty space at either end first.
+    const float smallestMin = ev[0].pos;
+    const float largestMax = ev[count - 1].pos;
+    const float gapLimit = 0.1f * fr.extent;
+    bool empty = false;
+    double best = DBL_MAX;
+    if (smallestMin - fr.lo > gapLimit) {
+        empty = true;
+        best = n * ((hi - smallestMin) + g);
+        out.position = smallestMin;
+        out.planarBelow = false;  // every triangle goes above
+    }
+    if (fr.hi - largestMax > gapLimit) {
+        const double cost = n * ((largestMax - lo) + g);
+        if (!empty || cost < best) {
+            best = cost;
+            out.position = largestMax;
+            out.planarBelow = true;  // every triangle goes below
+        }
+        empty = true;
+    }
+    if (empty) {
+        out.score = fr.sumAB * kEmptySpaceWeight * best;
+        return out;
+    }
+
+    const int32_t nonPlanar = n - planarCount;
+    int32_t startsBefore = 0, endsBefore = 0, planarBefore = 0;
+    for (int32_t i = 0; i < count;) {
+        const float p = ev[i].pos;
+        int32_t starts = 0, ends = 0, planar = 0;
+        for (; i < count && ev[i].pos == p; ++i) {
+            const uint32_t type = ev[i].key & 3u;
+            starts += type == kEventStart;
+            ends += type == kEventEnd;
+            planar += type == kEventPlanar;
+        }
+        const int32_t below = startsBefore + planarBefore;
+        const int32_t above =
+            (nonPlanar - endsBefore - ends) + (planarCount - planarBefore - planar);
+        const double wBelow = (p - lo) + g;
+        const double wAbove = (hi - p) + g;
+        const double withBelow = (below + planar) * wBelow + above * wAbove;
+        if (withBelow < best) {
+            best = withBelow;
+            out.position = p;
+            out.planarBelow = true;
+        }
+        const double withAbove = below * wBelow + (above + planar) * wAbove;
+        if (withAbove < best) {
+            best = withAbove;
+            out.position = p;
+            out.planarBelow = false;
+        }
+        startsBefore += starts;
+        endsBefore += ends;
+        planarBefore += planar;
+    }
+    out.score = fr.sumAB * best;
+    return out;
+}
+
+}  // namespace qelr::accel

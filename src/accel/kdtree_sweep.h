@@ -1,0 +1,48 @@
+// Scoring of split candidates from sorted event lists.
+#pragma once
+
+#include <cstdint>
+
+#include "accel/kdtree_build.h"
+
+namespace qelr::accel {
+
+// One event of a reference on one axis: the start or end of its extent, or
+// its position when the extent is flat. key = local reference << 2 | type.
+struct Event {
+    float pos;
+    uint32_t key;
+};
+
+enum EventType : uint32_t { kEventEnd = 0, kEventPlanar = 1, kEventStart = 2 };
+
+inline bool eventLess(const Event& a, const Event& b) {
+    return a.pos < b.pos || (a.pos == b.pos && a.key < b.key);
+}
+
+// The cell's measures seen from one axis.
+struct AxisFrame {
+    bool usable;   // the cell is thicker than 1e-5 on the axis and on one other
+    float lo, hi;  // cell bounds on the axis
+    float extent;  // hi - lo
+    double sumAB;  // sum of the other two extents
+    double g;      // dA * dB / (dA + dB), or 0 when the product is below 1e-9
+};
+
+AxisFrame axisFrame(const Box3& cell, int axis);
+
+struct AxisScore {
+    double score;  // 1.7976931348623157e308 when the axis offers nothing
+    float position;
+    bool planarBelow;
+};
+
+// Scores one axis of a node of n references whose events on the axis are
+// sorted by eventLess. planarCount: references flat on the axis.
+AxisScore scoreAxis(const AxisFrame& frame, const Event* events, int32_t eventCount, int32_t n,
+                    int32_t planarCount);
+
+// Half surface area of the cell times n, in double.
+double leafCost(const Box3& cell, int32_t n);
+
+}  // namespace qelr::accel

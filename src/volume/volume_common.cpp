@@ -1,0 +1,58 @@
+#include "volume/volume_common.h"
+
+#include <array>
+#include <cmath>
+
+namespace qelr::volume {
+
+namespace {
+
+constexpr double kernelAt(int mode, double d) {
+    if (d >= 2.0) return 0.0;
+    const bool near = d < 1.0;
+    switch (mode) {
+        case qelInterpCubic:  // Lagrange through the four taps
+            return near ? ((0.5 * d - 1.0) * d - 0.5) * d + 1.0
+                        : ((-0.16666666666666666 * d + 1.0) * d - 1.8333333333333333) * d + 1.0;
+        case qelInterpCubicBSpline:  // B = 1, C = 0
+            return near ? ((0.5 * d - 1.0) * d) * d + 0.6666666666666666
+                        : ((-0.16666666666666666 * d + 1.0) * d) * d + (1.3333333333333333 - d - d);
+        case qelInterpCubicCatmullRom:  // B = 0, C = 0.5
+            return near ? (1.5 * d - 2.5) * (d * d) + 1.0 : ((-0.5 * d + 2.5) * d - 4.0) * d + 2.0;
+        case qelInterpCubicB05C03:  // B = 0.5, C = 0.3
+            return near ? (0.95 * d - 1.7) * (d * d) + 0.8333333333333334
+                        : ((-0.38333333333333336 * d + 2.0) * d - 3.4) * d + 1.8666666666666667;
+        default:
+            return 0.0;
+    }
+}
+
+using CubicTable = std::array<float, kCubicTableSize>;
+
+constexpr CubicTable makeTable(int mode) {
+    CubicTable t{};
+    for (int k = 0; k <= 200; ++k) t[k] = static_cast<float>(kernelAt(mode, k / 100.0));
+    return t;  // entries 201..207 stay zero
+}
+
+constexpr CubicTable kTables[4] = {makeTable(qelInterpCubic), makeTable(qelInterpCubicBSpline),
+                                   makeTable(qelInterpCubicCatmullRom),
+                                   makeTable(qelInterpCubicB05C03)};
+
+}  // namespace
+
+double cubicKernel(int mode, double d) { return kernelAt(mode, d); }
+
+void cubicWeights(int mode, float f, float w[4]) {
+    const float t0 = -1.0f - f;
+    const float t[4] = {t0, t0 + 1.0f, t0 + 2.0f, t0 + 3.0f};
+    for (int i = 0; i < 4; ++i) {
+        w[i] = static_cast<float>(kernelAt(mode, std::fabs(static_cast<double>(t[i]))));
+    }
+}
+
+const float* cubicTable(int mode) {
+    return isCubicMode(mode) ? kTables[mode - qelInterpCubic].data() : nullptr;
+}
+
+}  // namespace qelr::volume

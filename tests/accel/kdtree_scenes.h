@@ -1,0 +1,107 @@
+// Small scenes and helpers shared by the KD-tree tests.
+#pragma once
+
+#include <qelr.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "kdtree_check.h"
+
+namespace kdtest {
+
+struct Scene {
+    std::vector<float> v;
+    std::vector<int> idx;  // four per triangle, the fourth unused
+    int vertexCount() const { return static_cast<int>(v.size() / 3); }
+    int triangleCount() const { return static_cast<int>(idx.size() / 4); }
+    void add(const float a[3], const float b[3], const float c[3]) {
+        const int base = vertexCount();
+        v.insert(v.end(), a, a + 3);
+        v.insert(v.end(), b, b + 3);
+        v.insert(v.end(), c, c + 3);
+        idx.insert(idx.end(), {base, base + 1, base + 2, -7});
+    }
+};
+
+// Random triangles of mixed sizes in [0, 10]^3 with coordinates on a coarse
+// grid (so events share positions), a share of triangles flat on an axis,
+// a few degenerate ones and a few duplicates.
+inline Scene randomScene(int n, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(0.0f, 1.0f);
+    auto grid = [&](float x) { return std::round(x * 8.0f) / 8.0f; };
+    Scene s;
+    for (int t = 0; t < n; ++t) {
+        const float size = u(rng) < 0.8f ? 0.3f + 2.0f * u(rng) : 6.0f * u(rng);
+        float c[3] = {10 * u(rng), 10 * u(rng), 10 * u(rng)};
+        float p[3][3];
+        for (auto& q : p)
+            for (int a = 0; a < 3; ++a)
+                q[a] = std::clamp(grid(c[a] + size * (u(rng) - 0.5f)), 0.0f, 10.0f);
+        const float r = u(rng);
+        if (r < 0.2f) {  // flat on one axis
+            const int a = static_cast<int>(3 * u(rng)) % 3;
+            p[1][a] = p[2][a] = p[0][a];
+        } else if (r < 0.23f) {  // collinear
+            for (int a = 0; a < 3; ++a) p[2][a] = p[0][a];
+        }
+        s.add(p[0], p[1], p[2]);
+        if (u(rng) < 0.02f) s.add(p[0], p[1], p[2]);
+    }
+    return s;
+}
+
+inline KDTreeBuildParams costDriven(uint32_t depthLimit = 50, float quality = 1.0f,
+                                    uint32_t budgetMb = 256) {
+    return KDTreeBuildParams{qelKdCostDriven, depthLimit, quality, budgetMb, 0};
+}
+
+// Box of the vertices that the triangles use.
+inline qelr_test::KdCell sceneCell(const Scene& s) {
+    qelr_test::KdCell c = {{FLT_MAX, FLT_MAX, FLT_MAX}, {-FLT_MAX, -FLT_MAX, -FLT_MAX}};
+    for (int t = 0; t < s.triangleCount(); ++t)
+        for (int k = 0; k < 3; ++k)
+            for (int a = 0; a < 3; ++a) {
+                const float x = s.v[3 * s.idx[4 * t + k] + a];
+                c.mn[a] = std::min(c.mn[a], x);
+                c.mx[a] = std::max(c.mx[a], x);
+            }
+    return c;
+}
+
+struct Built {
+    QelStatus status = -100;
+    std::vector<uint8_t> bytes;
+    qelr_test::KdTreeInfo info;
+};
+
+// Builds, copies the bytes out, validates (unless told not to) and frees.
+inline Built buildTree(const Scene& s, const KDTreeBuildParams& p, bool validate = true) {
+    Built b;
+    KDTreeNode* tree = nullptr;
+    int size = -1;
+    b.status = qelrKDTreeBuildAlloc(&tree, s.v.data(), s.idx.data(), s.vertexCount(),
+                                    s.triangleCount(), &size, &p);
+    if (b.status != qelOk) return b;
+    b.bytes.assign(reinterpret_cast<uint8_t*>(tree), reinterpret_cast<uint8_t*>(tree) + size);
+    if (!validate) {
+        qelrKDTreeFree(tree);
+        return b;
+    }
+    b.info = qelr_test::checkKdTree(tree, size, s.triangleCount(), static_cast<int>(p.depthLimit),
+                                    sceneCell(s));
+    if (b.info.error.empty()) b.info.error = qelr_test::checkPackedLayout(tree, size, b.info);
+    if (b.info.error.empty())
+        b.info.error = qelr_test::checkCompleteness(tree, b.info, s.v.data(), s.idx.data(),
+                                                    s.triangleCount(), 4, [](int) { return true; });
+    qelrKDTreeFree(tree);
+    return b;
+}
+
+}  // namespace kdtest

@@ -1,0 +1,224 @@
+// KD-tree build through the public API: checks and statuses, the single-leaf
+// tree, hand-derived splits, validity and completeness of cost-driven trees,
+// and determinism over thread settings.
+#include <gtest/gtest.h>
+#include <omp.h>
+#include <qelcore.h>
+#include <qelr.h>
+
+#include <climits>
+#include <cstring>
+
+#include "kdtree_scenes.h"
+#include "test_util.h"
+
+namespace {
+
+using kdtest::buildTree;
+using kdtest::costDriven;
+using kdtest::Scene;
+using qelr_test::bitsOf;
+
+uint32_t word(const std::vector<uint8_t>& bytes, size_t i) {
+    uint32_t w;
+    std::memcpy(&w, bytes.data() + 4 * i, 4);
+    return w;
+}
+
+Scene twoTriangles(const float a[3][3], const float b[3][3]) {
+    Scene s;
+    s.add(a[0], a[1], a[2]);
+    s.add(b[0], b[1], b[2]);
+    return s;
+}
+
+TEST(KDTreeChecks, StatusesInOrderAndNothingWrittenOnError) {
+    const float v[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    const int idx[4] = {0, 1, 2, 0};
+    KDTreeNode* tree = reinterpret_cast<KDTreeNode*>(0x1234);
+    int size = -77;
+    const KDTreeBuildParams ok = costDriven();
+    auto call = [&](KDTreeNode** t, const float* vv, const int* ii, int nv, int nt, int* sz,
+                    const KDTreeBuildParams* p) {
+        return qelrKDTreeBuildAlloc(t, vv, ii, nv, nt, sz, p);
+    };
+
+    // Null pointers come first, then sizes, then params, then by algorithm.
+    EXPECT_EQ(call(nullptr, v, idx, -1, -1, &size, nullptr), qelErrNullPointer);
+    EXPECT_EQ(call(&tree, nullptr, idx, -1, 1, &size, &ok), qelErrNullPointer);
+    EXPECT_EQ(call(&tree, v, nullptr, 3, 1, &size, &ok), qelErrNullPointer);
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, nullptr, &ok), qelErrNullPointer);
+    EXPECT_EQ(call(&tree, v, idx, -1, 1, &size, nullptr), qelErrSize);
+    EXPECT_EQ(call(&tree, v, idx, 3, -1, &size, nullptr), qelErrSize);
+    KDTreeBuildParams p = {0x12345678u, 99, -5.0f, 0, 0};
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, nullptr), qelErrNullPointer);
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrUnknownAlgorithm);
+
+    p.algorithm = qelKdSingleLeaf;
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrParamRange);  // depth 99
+    p.depthLimit = 51;
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrParamRange);
+
+    p.algorithm = qelKdCostDriven;
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrParamRange);  // depth before quality
+    p.depthLimit = 50;
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrParamRange);  // quality before budget
+    for (float q : {1.0000001f, -0.0000001f, NAN}) {
+        p.quality = q;
+        EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrParamRange);
+    }
+    p.quality = 1.0f;
+    for (uint32_t mb : {0u, 31u, 0x2000u}) {  // 0x2000 << 19 wraps to 0
+        p.memoryBudgetMb = mb;
+        EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrNoMemory) << mb;
+    }
+    // 4096 MB passes the check but is 0 bytes in 32 bits: no block can be charged.
+    p.memoryBudgetMb = 4096;
+    EXPECT_EQ(call(&tree, v, idx, 3, 1, &size, &p), qelErrMemoryBudget);
+
+    // A single-leaf tree too large for the allocator's 32-bit size.
+    p.algorithm = qelKdSingleLeaf;
+    EXPECT_EQ(call(&tree, v, idx, 3, INT_MAX, &size, &p), qelErrNoMemory);
+    EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x1234));
+    EXPECT_EQ(size, -77);
+    EXPECT_EQ(qelrKDTreeFree(nullptr), qelOk);
+}
+
+TEST(KDTreeChecks, LimitsThatAreAccepted) {
+    const Scene s = kdtest::randomScene(40, 3);
+    for (KDTreeBuildParams p : {costDriven(50, 1.0f, 32), costDriven(0, 0.0f, 32),
+                                KDTreeBuildParams{qelKdSingleLeaf, 50, 7.0f, 0, 99}}) {
+        const auto b = buildTree(s, p);
+        EXPECT_EQ(b.status, qelOk);
+        EXPECT_EQ(b.info.error, "");
+    }
+}
+
+TEST(KDTreeSingleLeaf, LayoutByteForByte) {
+    const Scene s = kdtest::randomScene(5, 1);
+    const KDTreeBuildParams p = {qelKdSingleLeaf, 0, 0.0f, 0, 0};
+    for (int count : {0, 1, 5}) {
+        KDTreeNode* tree = nullptr;
+        int size = 0;
+        ASSERT_EQ(qelrKDTreeBuildAlloc(&tree, s.v.data(), s.idx.data(), 0, count, &size, &p),
+                  qelOk);
+        ASSERT_EQ(size, 16 + 4 * count);
+        std::vector<uint32_t> expect = {0xFFFFFFF0u, static_cast<uint32_t>(count), 0, 0};
+        for (int i = 0; i < count; ++i) expect.push_back(static_cast<uint32_t>(i));
+        EXPECT_EQ(std::memcmp(tree, expect.data(), static_cast<size_t>(size)), 0) << count;
+        const auto info = qelr_test::checkKdTree(tree, size, count, 0, kdtest::sceneCell(s));
+        EXPECT_EQ(info.error, "");
+        qelrKDTreeFree(tree);
+    }
+}
+
+// Triangle A in [0,1]^3 and B in [9,10]x[0,1]x[0,1]; root cell [0,10]x[0,1]^2.
+// x: g = 0.5; p=1 scores 1*1.5 + 1*9.5 = 11 (p=9 ties and loses), s0 = 22;
+// y and z: the best is 2*(1 + 10/11), s1 = s2 = 11*3.818 = 42. Axis x.
+// leafCost = (1*11 + 10)*2 = 42; the root splits when 2*(42-22) = 40 > f*42.
+// Child above, cell x [1,10] holding B only: the gap 9-1 = 8 exceeds 0.9, so
+// the empty-space cut at 9 scores 2*0.7*1.5 = 2.1 (the sweep would give 3);
+// y and z give 19 = leafCost, so it splits when 19-2.1 = 16.9 > f*19, that is
+// for f below 0.889 (with the sweep's 3, below 0.842).
+TEST(KDTreeCostDriven, EmptySpaceCutDerivedByHand) {
+    const float a[3][3] = {{0, 0, 0}, {1, 0, 1}, {0, 1, 1}};
+    const float b[3][3] = {{9, 0, 0}, {10, 0, 1}, {9, 1, 1}};
+    const Scene s = twoTriangles(a, b);
+
+    const auto cut = buildTree(s, costDriven(50, 0.92f));  // f = 0.8699
+    ASSERT_EQ(cut.status, qelOk);
+    EXPECT_EQ(cut.info.error, "");
+    const std::vector<uint32_t> expect = {16u,         bitsOf(1.0f), 0,
+                                          0,           0x80000000u,  0x80000001u,  // A inline
+                                          8u,          bitsOf(9.0f),               // the gap cut
+                                          0x80000000u, 0u,                         // empty space
+                                          0x80000001u, 0x80000001u};               // B inline
+    ASSERT_EQ(cut.bytes.size(), 4 * expect.size());
+    for (size_t i = 0; i < expect.size(); ++i) EXPECT_EQ(word(cut.bytes, i), expect[i]) << i;
+
+    // f = 0.961: the root stays a leaf of two triangles, inline as (1, 0).
+    const auto leaf = buildTree(s, costDriven(50, 0.9f));
+    ASSERT_EQ(leaf.bytes.size(), 16u);
+    EXPECT_EQ(word(leaf.bytes, 0), 0x80000001u);
+    EXPECT_EQ(word(leaf.bytes, 1), 0x80000002u);
+}
+
+// Ties between axis scores: a scene symmetric in x and y splits on y, one
+// symmetric in all three axes splits on z (both at 1.0, by the sweep above).
+TEST(KDTreeCostDriven, AxisTiesDerivedByHand) {
+    const float a[3][3] = {{0, 0, 0}, {1, 0, 1}, {0, 1, 1}};
+    const float b[3][3] = {{9, 9, 0}, {10, 9, 1}, {9, 10, 1}};
+    const auto xy = buildTree(twoTriangles(a, b), costDriven());
+    ASSERT_EQ(xy.status, qelOk);
+    EXPECT_EQ(xy.info.error, "");
+    EXPECT_EQ(word(xy.bytes, 0), 16u | 1u);
+    EXPECT_EQ(word(xy.bytes, 1), bitsOf(1.0f));
+
+    const float c[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+    const float d[3][3] = {{10, 9, 9}, {9, 10, 9}, {9, 9, 10}};
+    const auto xyz = buildTree(twoTriangles(c, d), costDriven());
+    ASSERT_EQ(xyz.status, qelOk);
+    EXPECT_EQ(xyz.info.error, "");
+    EXPECT_EQ(word(xyz.bytes, 0), 16u | 2u);
+    EXPECT_EQ(word(xyz.bytes, 1), bitsOf(1.0f));
+}
+
+TEST(KDTreeCostDriven, ValidCompleteTreesOverParameters) {
+    for (uint32_t seed : {1u, 2u, 3u}) {
+        const Scene s = kdtest::randomScene(seed == 3 ? 1500 : 300, seed);
+        for (float q : {0.0f, 0.5f, 1.0f})
+            for (uint32_t depth : {0u, 3u, 50u}) {
+                const auto b = buildTree(s, costDriven(depth, q));
+                ASSERT_EQ(b.status, qelOk);
+                EXPECT_EQ(b.info.error, "") << seed << " " << q << " " << depth;
+                EXPECT_LE(b.info.maxDepth, static_cast<int>(depth));
+                if (depth == 0) {  // the root holds every triangle, in order
+                    ASSERT_EQ(b.info.leaves.size(), 1u);
+                    const auto& tris = b.info.leaves[0].tris;
+                    ASSERT_EQ(static_cast<int>(tris.size()), s.triangleCount());
+                    for (int i = 0; i < s.triangleCount(); ++i) EXPECT_EQ(tris[i], i);
+                }
+            }
+    }
+}
+
+TEST(KDTreeCostDriven, TrianglesWithoutPlaceAreLeftOut) {
+    Scene s = kdtest::randomScene(30, 9);
+    s.idx[4 * 3 + 1] = s.vertexCount();  // index past the vertices
+    s.idx[4 * 7] = -1;
+    s.v[3 * s.idx[4 * 11 + 2]] = NAN;
+    const auto b = buildTree(s, costDriven());
+    ASSERT_EQ(b.status, qelOk);
+    for (const auto& l : b.info.leaves)
+        for (int t : l.tris) EXPECT_TRUE(t != 3 && t != 7 && t != 11);
+}
+
+TEST(KDTreeCostDriven, SameBytesForAnyThreadSetting) {
+    // 4000 triangles: the upper nodes hold far more than 76 triangles and are
+    // scored by one thread per axis.
+    const Scene s = kdtest::randomScene(2500, 7);
+    const auto reference = buildTree(s, costDriven());
+    ASSERT_EQ(reference.status, qelOk);
+    ASSERT_EQ(reference.info.error, "");
+    ASSERT_GT(reference.info.innerNodes, 100);
+    qelr_test::ThreadCountGuard guard;
+    for (int threads : {1, 3, 4}) {
+        qelSetNumThreads(threads);
+        EXPECT_EQ(buildTree(s, costDriven(), false).bytes, reference.bytes) << threads;
+    }
+    const int savedOmp = omp_get_max_threads();
+    omp_set_num_threads(1);
+    EXPECT_EQ(buildTree(s, costDriven(), false).bytes, reference.bytes);
+    omp_set_num_threads(savedOmp);
+    omp_set_dynamic(1);
+    EXPECT_EQ(buildTree(s, costDriven(), false).bytes, reference.bytes);
+    omp_set_dynamic(0);
+    // From inside a parallel region the inner team may shrink to one thread.
+    std::vector<uint8_t> nested[2];
+#pragma omp parallel num_threads(2)
+    nested[omp_get_thread_num()] = buildTree(s, costDriven(), false).bytes;
+    EXPECT_EQ(nested[0], reference.bytes);
+    EXPECT_EQ(nested[1], reference.bytes);
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+// Validation and decoding of KD-trees in the library's node format, for every
+// test that builds or traverses a tree.
+//
+// checkKdTree walks the tree from the root and checks that every node, child
+// pair and leaf list lies inside the block, that no two of them share bytes,
+// that inline leaves decode to triangles of the scene, that split positions lie
+// inside their cells and that no leaf is deeper than the depth limit. It
+// returns the leaves with their cells and triangle lists.
+#pragma once
+
+#include <qelr.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace qelr_test {
+
+struct KdCell {
+    float mn[3];
+    float mx[3];
+};
+
+struct KdLeafInfo {
+    int32_t offset;  // byte offset of the leaf node
+    int depth;
+    KdCell cell;
+    bool isInline;
+    std::vector<int32_t> tris;  // in the order the traversal tests them
+};
+
+struct KdTreeInfo {
+    std::string error;  // empty when the tree is valid
+    std::vector<KdLeafInfo> leaves;
+    int innerNodes = 0;
+    int maxDepth = 0;
+    int64_t nodeAreaEnd = 0;     // one past the last node byte
+    int64_t firstListByte = -1;  // first byte of any leaf list, -1 when none
+};
+
+// The triangles of an inline leaf (both words negative).
+inline std::vector<int32_t> decodeInlineLeaf(int32_t word0, int32_t word1) {
+    const uint32_t w = static_cast<uint32_t>(word0) & 0x7fffffffu;
+    const uint32_t count = static_cast<uint32_t>(word1) & 3u;
+    const uint32_t m = (static_cast<uint32_t>(word1) & 0x7ffffffcu) >> 2;
+    if (count == 3)
+        return {static_cast<int32_t>(m - (w >> 16)), static_cast<int32_t>(m),
+                static_cast<int32_t>(m + (w & 0xffffu))};
+    std::vector<int32_t> out = {static_cast<int32_t>(w), static_cast<int32_t>(m)};
+    out.resize(count);
+    return out;
+}
+
+inline KdTreeInfo checkKdTree(const KDTreeNode* tree, int sizeBytes, int triangleCount,
+                              int depthLimit, const KdCell& rootCell) {
+    KdTreeInfo info;
+    if (tree == nullptr || sizeBytes < 8) {
+        info.error = "no tree";
+        return info;
+    }
+    const auto* base = reinterpret_cast<const char*>(tree);
+    std::vector<uint8_t> used(static_cast<size_t>(sizeBytes), 0);
+    auto claim = [&](int64_t begin, int64_t bytes, const char* what) {
+        if (begin < 0 || bytes < 0 || begin + bytes > sizeBytes) {
+            info.error = std::string(what) + " outside the block at " + std::to_string(begin);
+            return false;
+        }
+        for (int64_t i = begin; i < begin + bytes; ++i) {
+            if (used[i]) {
+                info.error = std::string(what) + " overlaps at " + std::to_string(i);
+                return false;
+            }
+            used[i] = 1;
+        }
+        return true;
+    };
+    struct Pending {
+        int64_t offset;
+        int depth;
+        KdCell cell;
+    };
+    std::vector<Pending> stack = {{0, 0, rootCell}};
+    if (!claim(0, 8, "root")) return info;
+    while (!stack.empty() && info.error.empty()) {
+        const Pending p = stack.back();
+        stack.pop_back();
+        int32_t w[2];
+        std::memcpy(w, base + p.offset, 8);
+        info.maxDepth = std::max(info.maxDepth, p.depth);
+        info.nodeAreaEnd = std::max(info.nodeAreaEnd, p.offset + 8);
+        if (p.depth > depthLimit || p.depth > 50) {
+            info.error = "node deeper than the limit at " + std::to_string(p.offset);
+            break;
+        }
+        if (w[0] >= 0) {
+            const int axis = w[0] & 3;
+            const int64_t child = p.offset + (w[0] & ~7);
+            float split;
+            std::memcpy(&split, &w[1], 4);
+            if (axis == 3 || (w[0] & 4) != 0 || (w[0] & ~7) == 0) {
+                info.error = "bad inner node word at " + std::to_string(p.offset);
+                break;
+            }
+            if (!(split >= p.cell.mn[axis] && split <= p.cell.mx[axis])) {
+                info.error = "split outside its cell at " + std::to_string(p.offset);
+                break;
+            }
+            if (!claim(child, 16, "child pair")) break;
+            ++info.innerNodes;
+            KdCell below = p.cell, above = p.cell;
+            below.mx[axis] = split;
+            above.mn[axis] = split;
+            stack.push_back({child + 8, p.depth + 1, above});
+            stack.push_back({child, p.depth + 1, below});
+            continue;
+        }
+        KdLeafInfo leaf;
+        leaf.offset = static_cast<int32_t>(p.offset);
+        leaf.depth = p.depth;
+        leaf.cell = p.cell;
+        leaf.isInline = w[1] < 0;
+        if (leaf.isInline) {
+            leaf.tris = decodeInlineLeaf(w[0], w[1]);
+            if (leaf.tris.empty()) info.error = "inline leaf of no triangle";
+        } else if (w[1] > 0) {
+            const int64_t list = p.offset - (w[0] & ~3);
+            if (!claim(list, 4 * static_cast<int64_t>(w[1]), "leaf list")) break;
+            if (info.firstListByte < 0 || list < info.firstListByte) info.firstListByte = list;
+            leaf.tris.resize(static_cast<size_t>(w[1]));
+            std::memcpy(leaf.tris.data(), base + list, 4 * static_cast<size_t>(w[1]));
+        }
+        for (int32_t t : leaf.tris)
+            if (t < 0 || t >= triangleCount)
+                info.error = "leaf lists triangle " + std::to_string(t);
+        info.leaves.push_back(std::move(leaf));
+    }
+    return info;
+}
+
+// The cost-driven layout: root at 0, 8 zero bytes, child pairs packed from 16,
+// all lists right after the node area, and nothing else in the block.
+inline std::string checkPackedLayout(const KDTreeNode* tree, int sizeBytes,
+                                     const KdTreeInfo& info) {
+    int32_t pad[2];
+    std::memcpy(pad, reinterpret_cast<const char*>(tree) + 8, 8);
+    if (pad[0] != 0 || pad[1] != 0) return "bytes 8 to 15 are not zero";
+    const int64_t nodeBytes = 16 + 16 * static_cast<int64_t>(info.innerNodes);
+    if (info.innerNodes > 0 && info.nodeAreaEnd != nodeBytes) return "node area is not packed";
+    if (info.firstListByte >= 0 && info.firstListByte != nodeBytes)
+        return "lists do not follow the nodes";
+    int64_t listBytes = 0;
+    for (const auto& l : info.leaves)
+        if (!l.isInline) listBytes += 4 * static_cast<int64_t>(l.tris.size());
+    if (nodeBytes + listBytes != sizeBytes)
+        return "size " + std::to_string(sizeBytes) + " differs from " +
+               std::to_string(nodeBytes + listBytes);
+    return "";
+}
+
+// Byte offsets of the leaves whose cells contain point p: the walk goes to the
+// side of each split where p lies, and to both sides when p is on the plane.
+inline void leavesAt(const KDTreeNode* tree, const double p[3], std::vector<int32_t>& out) {
+    const auto* base = reinterpret_cast<const char*>(tree);
+    std::vector<int64_t> stack = {0};
+    while (!stack.empty()) {
+        const int64_t offset = stack.back();
+        stack.pop_back();
+        int32_t w[2];
+        std::memcpy(w, base + offset, 8);
+        if (w[0] < 0) {
+            out.push_back(static_cast<int32_t>(offset));
+            continue;
+        }
+        float split;
+        std::memcpy(&split, &w[1], 4);
+        const int64_t child = offset + (w[0] & ~7);
+        const double x = p[w[0] & 3];
+        if (x >= split) stack.push_back(child + 8);
+        if (x <= split) stack.push_back(child);
+    }
+}
+
+// Completeness: every point of every listed-as-valid triangle (sampled on a
+// barycentric grid of `steps` divisions) lies in a leaf that lists the
+// triangle. Triangles for which `valid` is false are skipped.
+template <class ValidFn>
+inline std::string checkCompleteness(const KDTreeNode* tree, const KdTreeInfo& info,
+                                     const float* vertices, const int* indices, int triangleCount,
+                                     int steps, ValidFn valid) {
+    std::vector<int32_t> offsets;
+    for (const auto& l : info.leaves) offsets.push_back(l.offset);
+    std::vector<size_t> order(info.leaves.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(),
+              [&](size_t a, size_t b) { return offsets[a] < offsets[b]; });
+    std::sort(offsets.begin(), offsets.end());
+    std::vector<int32_t> found;
+    for (int t = 0; t < triangleCount; ++t) {
+        if (!valid(t)) continue;
+        const float* v[3];
+        for (int c = 0; c < 3; ++c) v[c] = vertices + 3 * static_cast<size_t>(indices[4 * t + c]);
+        for (int i = 0; i <= steps; ++i)
+            for (int j = 0; i + j <= steps; ++j) {
+                const double b1 = static_cast<double>(i) / steps,
+                             b2 = static_cast<double>(j) / steps;
+                const double b0 = 1.0 - b1 - b2;
+                double p[3];
+                for (int a = 0; a < 3; ++a) {
+                    p[a] = b0 * v[0][a] + b1 * v[1][a] + b2 * v[2][a];
+                    if (i + j == 0) p[a] = v[0][a];  // exact corners
+                    if (i == steps) p[a] = v[1][a];
+                    if (j == steps) p[a] = v[2][a];
+                }
+                found.clear();
+                leavesAt(tree, p, found);
+                bool listed = false;
+                for (int32_t off : found) {
+                    const size_t k = static_cast<size_t>(
+                        std::lower_bound(offsets.begin(), offsets.end(), off) - offsets.begin());
+                    const auto& tris = info.leaves[order[k]].tris;
+                    listed = listed || std::find(tris.begin(), tris.end(), t) != tris.end();
+                }
+                if (!listed)
+                    return "triangle " + std::to_string(t) + " is missing at a point of it";
+            }
+    }
+    return "";
+}
+
+}  // namespace qelr_test
