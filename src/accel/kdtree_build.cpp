@@ -135,7 +135,7 @@ QelStatus Builder::initRoot(Task& root) {
         int32_t m = 0;
         for (int32_t i = 0; i < n; ++i)
             m += addEvents(refs[i], a, static_cast<uint32_t>(i), ev + m);
-        std::sort(ev, ev + m, eventLess);
+        std::sort(ev, ev + m, EventLess());
         root.evCount[a] = m;
     }
     return qelOk;
@@ -244,39 +244,50 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
             freshCount[c] += addEvents(childRefs[c][local], b, static_cast<uint32_t>(local),
                                        fresh + freshCount[c]);
         }
-        std::sort(fresh, fresh + freshCount[c], eventLess);
+        std::sort(fresh, fresh + freshCount[c], EventLess());
     }
 
-    // Filter the node's events into the children (above first) behind the
-    // node's segment, merging the new events in, then move them down.
+    // Filter the node's events into the children behind the node's segment
+    // (above first, below after room for all of the node's events), merging
+    // the new events in, then move them down.
     const int32_t begin = t.evBegin[b];
     const int32_t count = t.evCount[b];
     const int64_t top = static_cast<int64_t>(begin) + count;
-    if (!events_[b].reserve(top + count + freshCount[0] + freshCount[1], top))
-        return qelErrNoMemory;
+    const int64_t belowStart = top + count + freshCount[1];
+    if (!events_[b].reserve(belowStart + count + freshCount[0], top)) return qelErrNoMemory;
     const Event* ev = events_[b].data() + begin;
     const uint8_t* side = side_.data();
-    Event* out = events_[b].data() + top;
-    int32_t written[2] = {0, 0};
-    for (int c = 1; c >= 0; --c) {
-        const uint8_t bit = c == 0 ? 1 : 2;
-        const Event* fresh = fresh_[c].data();
-        int32_t fi = 0;
-        Event* o = out;
-        for (int32_t i = 0; i < count; ++i) {
-            const uint32_t local = ev[i].key >> 2;
-            if (side[local] != bit) continue;  // other side, or cut (new events)
+    Event* outBelow = events_[b].data() + belowStart;
+    Event* outAbove = events_[b].data() + top;
+    const Event* fb = fresh_[0].data();
+    const Event* fa = fresh_[1].data();
+    const Event* fbEnd = fb + freshCount[0];
+    const Event* faEnd = fa + freshCount[1];
+    const int32_t* toBelow = remap[0];
+    const int32_t* toAbove = remap[1];
+    for (int32_t i = 0; i < count; ++i) {
+        const uint32_t local = ev[i].key >> 2;
+        const uint8_t s = side[local];
+        if (s == 1) {
             const Event e = {ev[i].pos,
-                             static_cast<uint32_t>(remap[c][local]) << 2 | (ev[i].key & 3u)};
-            while (fi < freshCount[c] && eventLess(fresh[fi], e)) *o++ = fresh[fi++];
-            *o++ = e;
-        }
-        while (fi < freshCount[c]) *o++ = fresh[fi++];
-        written[c] = static_cast<int32_t>(o - out);
-        out = o;
+                             static_cast<uint32_t>(toBelow[local]) << 2 | (ev[i].key & 3u)};
+            while (fb != fbEnd && eventLess(*fb, e)) *outBelow++ = *fb++;
+            *outBelow++ = e;
+        } else if (s == 2) {
+            const Event e = {ev[i].pos,
+                             static_cast<uint32_t>(toAbove[local]) << 2 | (ev[i].key & 3u)};
+            while (fa != faEnd && eventLess(*fa, e)) *outAbove++ = *fa++;
+            *outAbove++ = e;
+        }  // cut triangles: their new events are merged in instead
     }
-    std::memmove(events_[b].data() + begin, events_[b].data() + top,
-                 static_cast<size_t>(written[0] + written[1]) * sizeof(Event));
+    while (fb != fbEnd) *outBelow++ = *fb++;
+    while (fa != faEnd) *outAbove++ = *fa++;
+    const int32_t written[2] = {static_cast<int32_t>(outBelow - (events_[b].data() + belowStart)),
+                                static_cast<int32_t>(outAbove - (events_[b].data() + top))};
+    Event* dst = events_[b].data() + begin;
+    std::memmove(dst, events_[b].data() + top, static_cast<size_t>(written[1]) * sizeof(Event));
+    std::memmove(dst + written[1], events_[b].data() + belowStart,
+                 static_cast<size_t>(written[0]) * sizeof(Event));
     above.evBegin[b] = begin;
     above.evCount[b] = written[1];
     below.evBegin[b] = begin + written[1];

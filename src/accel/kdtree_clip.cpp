@@ -1,7 +1,10 @@
 // Triangle geometry of the KD-tree builder: reading triangles and the boxes of
 // their parts inside a cell.
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
+#include <limits>
 
 #include "accel/kdtree_build.h"
 
@@ -53,17 +56,31 @@ void clipPlane(const Polygon& in, int axis, double value, bool keepAbove, Polygo
     }
 }
 
+// The next float above a finite f.
+float nextUp(float f) {
+    if (f == 0.0f) return std::numeric_limits<float>::denorm_min();
+    uint32_t bits;
+    std::memcpy(&bits, &f, 4);
+    bits = f > 0.0f ? bits + 1 : bits - 1;
+    std::memcpy(&f, &bits, 4);
+    return f;
+}
+float nextDown(float f) { return -nextUp(-f); }
+
 // Float bounds that contain x with one unit of the last place to spare.
 float floorFloat(double x) {
     float f = static_cast<float>(x);
-    if (static_cast<double>(f) > x) f = std::nextafter(f, -INFINITY);
-    return std::nextafter(f, -INFINITY);
+    if (static_cast<double>(f) > x) f = nextDown(f);
+    return nextDown(f);
 }
 float ceilFloat(double x) {
     float f = static_cast<float>(x);
-    if (static_cast<double>(f) < x) f = std::nextafter(f, INFINITY);
-    return std::nextafter(f, INFINITY);
+    if (static_cast<double>(f) < x) f = nextUp(f);
+    return nextUp(f);
 }
+
+float maxf(float a, float b) { return a > b ? a : b; }
+float minf(float a, float b) { return a < b ? a : b; }
 
 }  // namespace
 
@@ -71,27 +88,36 @@ void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref) {
     // The box before the call, narrowed to the cell: always a valid answer.
     Box3 prior;
     for (int a = 0; a < 3; ++a) {
-        prior.mn[a] = std::fmax(ref.mn[a], cell.mn[a]);
-        prior.mx[a] = std::fmin(ref.mx[a], cell.mx[a]);
+        prior.mn[a] = maxf(ref.mn[a], cell.mn[a]);
+        prior.mx[a] = minf(ref.mx[a], cell.mx[a]);
     }
     Polygon poly, tmp;
     poly.count = 3;
     for (int c = 0; c < 3; ++c)
         for (int a = 0; a < 3; ++a) poly.p[c][a] = tri[c][a];
     for (int a = 0; a < 3; ++a) {
-        clipPlane(poly, a, cell.mn[a], true, tmp);
-        clipPlane(tmp, a, cell.mx[a], false, poly);
+        // Planes that the triangle does not cross leave it as it is.
+        const double lo = std::min({tri[0][a], tri[1][a], tri[2][a]});
+        const double hi = std::max({tri[0][a], tri[1][a], tri[2][a]});
+        if (lo < cell.mn[a]) {
+            clipPlane(poly, a, cell.mn[a], true, tmp);
+            poly = tmp;
+        }
+        if (hi > cell.mx[a]) {
+            clipPlane(poly, a, cell.mx[a], false, tmp);
+            poly = tmp;
+        }
     }
     Box3 box = prior;
     if (poly.count > 0) {
         for (int a = 0; a < 3; ++a) {
             double lo = poly.p[0][a], hi = poly.p[0][a];
             for (int i = 1; i < poly.count; ++i) {
-                lo = std::fmin(lo, poly.p[i][a]);
-                hi = std::fmax(hi, poly.p[i][a]);
+                lo = std::min(lo, poly.p[i][a]);
+                hi = std::max(hi, poly.p[i][a]);
             }
-            box.mn[a] = std::fmax(floorFloat(lo), prior.mn[a]);
-            box.mx[a] = std::fmin(ceilFloat(hi), prior.mx[a]);
+            box.mn[a] = maxf(floorFloat(lo), prior.mn[a]);
+            box.mx[a] = minf(ceilFloat(hi), prior.mx[a]);
         }
         for (int a = 0; a < 3; ++a)
             if (!(box.mn[a] <= box.mx[a])) box = prior;  // rounding ate the part

@@ -20,6 +20,10 @@ inline bool eventLess(const Event& a, const Event& b) {
     return a.pos < b.pos || (a.pos == b.pos && a.key < b.key);
 }
 
+struct EventLess {
+    bool operator()(const Event& a, const Event& b) const { return eventLess(a, b); }
+};
+
 // The cell's measures seen from one axis.
 struct AxisFrame {
     bool usable;   // the cell is thicker than 1e-5 on the axis and on one other

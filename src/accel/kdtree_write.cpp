@@ -25,6 +25,7 @@ int32_t asInt(uint32_t u) { return static_cast<int32_t>(u); }
 }  // namespace
 
 bool encodeInlineLeaf(const int32_t* tris, int32_t count, int32_t& word0, int32_t& word1) {
+    if (count < 1 || count > 3) return false;
     for (int32_t i = 0; i < count; ++i)
         if (tris[i] < 0) return false;
     if (count == 1) {

@@ -62,11 +62,23 @@ inline KDTreeBuildParams costDriven(uint32_t depthLimit = 50, float quality = 1.
     return KDTreeBuildParams{qelKdCostDriven, depthLimit, quality, budgetMb, 0};
 }
 
-// Box of the vertices that the triangles use.
+// Whether triangle t has a place in space: indices inside the vertex array
+// and finite coordinates.
+inline bool validTriangle(const Scene& s, int t) {
+    for (int k = 0; k < 3; ++k) {
+        const int i = s.idx[4 * t + k];
+        if (i < 0 || i >= s.vertexCount()) return false;
+        for (int a = 0; a < 3; ++a)
+            if (!std::isfinite(s.v[3 * i + a])) return false;
+    }
+    return true;
+}
+
+// Box of the vertices that the valid triangles use.
 inline qelr_test::KdCell sceneCell(const Scene& s) {
     qelr_test::KdCell c = {{FLT_MAX, FLT_MAX, FLT_MAX}, {-FLT_MAX, -FLT_MAX, -FLT_MAX}};
     for (int t = 0; t < s.triangleCount(); ++t)
-        for (int k = 0; k < 3; ++k)
+        for (int k = 0; k < 3 && validTriangle(s, t); ++k)
             for (int a = 0; a < 3; ++a) {
                 const float x = s.v[3 * s.idx[4 * t + k] + a];
                 c.mn[a] = std::min(c.mn[a], x);
@@ -98,8 +110,9 @@ inline Built buildTree(const Scene& s, const KDTreeBuildParams& p, bool validate
                                     sceneCell(s));
     if (b.info.error.empty()) b.info.error = qelr_test::checkPackedLayout(tree, size, b.info);
     if (b.info.error.empty())
-        b.info.error = qelr_test::checkCompleteness(tree, b.info, s.v.data(), s.idx.data(),
-                                                    s.triangleCount(), 4, [](int) { return true; });
+        b.info.error =
+            qelr_test::checkCompleteness(tree, b.info, s.v.data(), s.idx.data(), s.triangleCount(),
+                                         4, [&](int t) { return validTriangle(s, t); });
     qelrKDTreeFree(tree);
     return b;
 }

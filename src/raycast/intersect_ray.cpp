@@ -1,0 +1,232 @@
+// Ray-scene intersection: the exported functions and their one-ray paths.
+#include <cfloat>
+#include <cstddef>
+#include <cstdint>
+
+#include "core/impl.h"
+#include "raycast/intersect_paths.h"
+#include "raycast/kd_walk.h"
+
+namespace qelr::raycast {
+
+namespace {
+
+// Nearest hit of one ray (origin and direction set in ray) below dist.
+void nearestRay(const QelTraceScene& scene, Ray& ray, float& dist, float& u, float& v,
+                int32_t& index) {
+    index = -1;
+    setInverses(ray, kNearestTinyInverse);
+    float tnear = 0.0f, tfar = dist;
+    if (!clipByBox(ray, scene.bounds, tnear, tfar)) return;
+    tfar += kFarSlack;
+    const TriangleAccel* accel = scene.accel;
+    float best = dist;
+    TriangleHit hit{};
+    int32_t found = -1;
+    walkRay(scene.root, ray, tnear, tfar, kSplitTolerance, best, [&](const KDTreeNode* leaf) {
+        forEachTriangle(leaf, [&](int32_t tri) {
+            if (hitTriangle(accel[tri], ray, best, hit)) {
+                best = hit.t;
+                u = hit.b;
+                v = hit.c;
+                found = tri;
+            }
+            return false;
+        });
+        return false;
+    });
+    if (found >= 0) {
+        dist = best;
+        index = found;
+    }
+}
+
+// The ray of pack element i: shared or own origin, and the direction.
+Ray rayAt(const float* origin, const float* const* origins, const float* const dirs[3],
+          ptrdiff_t i) {
+    Ray r{};
+    for (int c = 0; c < 3; ++c) {
+        r.o[c] = origins ? origins[c][i] : origin[c];
+        r.d[c] = dirs[c][i];
+    }
+    return r;
+}
+
+void nearestRays(const float* origin, const float* const* origins, const float* const dirs[3],
+                 float* dist, float* const uv[2], int* index, const QelTraceScene& scene,
+                 int64_t count) {
+    for (int64_t i = 0; i < count; ++i) {
+        Ray ray = rayAt(origin, origins, dirs, i);
+        float u, v;
+        int32_t hit;
+        float t = dist[i];
+        nearestRay(scene, ray, t, u, v, hit);
+        index[i] = hit;
+        if (hit >= 0) {
+            dist[i] = t;
+            uv[0][i] = u;
+            uv[1][i] = v;
+        }
+    }
+}
+
+bool nearestPacketsApply(const float* const* origins, const float* const dirs[3], const float* dist,
+                         float* const uv[2], const int* index, QelSize2D size) {
+    if (size.width % 4 != 0 || size.height % 4 != 0) return false;
+    bool ok = aligned16(dist) && aligned16(uv[0]) && aligned16(uv[1]) && aligned16(index);
+    for (int c = 0; c < 3; ++c)
+        ok = ok && aligned16(dirs[c]) && (!origins || aligned16(origins[c]));
+    return ok;
+}
+
+// Successive hits along one ray; layer h of each output at offset h * stride.
+void multipleRay(const QelTraceScene& scene, Ray& ray, float* dist, float* const uv[2], int* index,
+                 ptrdiff_t i, ptrdiff_t stride, int layers) {
+    setInverses(ray, kNearestTinyInverse);
+    float tnear = 0.0f, tfar = dist[i];
+    if (!clipByBox(ray, scene.bounds, tnear, tfar)) return;
+    tfar += kFarSlack;
+    const TriangleAccel* accel = scene.accel;
+    int32_t recent[8];
+    int32_t previous = -1;
+    for (int h = 0;; ++h) {
+        const ptrdiff_t at = i + h * stride;
+        const int checked = h % 8;
+        float best = dist[at];
+        int32_t found = -1;
+        float u = 0.0f, v = 0.0f;
+        TriangleHit hit{};
+        walkRay(scene.root, ray, tnear, tfar, kLayerSplitTolerance, best,
+                [&](const KDTreeNode* leaf) {
+                    forEachTriangle(leaf, [&](int32_t tri) {
+                        if (tri == previous) return false;
+                        for (int s = 0; s < checked; ++s)
+                            if (recent[s] == tri) return false;
+                        if (hitTriangle(accel[tri], ray, best, hit)) {
+                            best = hit.t;
+                            u = hit.b;
+                            v = hit.c;
+                            found = tri;
+                        }
+                        return false;
+                    });
+                    return false;
+                });
+        if (found < 0) return;
+        dist[at] = best;
+        uv[0][at] = u;
+        uv[1][at] = v;
+        index[at] = found;
+        for (int c = 0; c < 3; ++c) ray.o[c] = ray.o[c] + best * ray.d[c];
+        if (h >= 1) dist[at] = dist[at] + dist[at - stride];
+        recent[checked] = found;
+        previous = found;
+        if (h + 1 == layers) return;
+        index[at + stride] = -1;
+        dist[at + stride] = FLT_MAX;
+        // The next layer runs from the new origin to where the ray leaves the box.
+        tnear = 0.0f;
+        float leave = FLT_MAX;
+        for (int a = 0; a < 3; ++a) {
+            const float t1 = (scene.bounds[a] - ray.o[a]) * ray.inv[a];
+            const float t2 = (scene.bounds[a + 3] - ray.o[a]) * ray.inv[a];
+            const float out = t1 > t2 ? t1 : t2;
+            leave = out < leave ? out : leave;
+        }
+        tfar = leave + kFarSlack;
+    }
+}
+
+}  // namespace
+
+int32_t anyHitRay(const QelTraceScene& scene, const Ray& ray) {
+    const TriangleAccel* accel = scene.accel;
+    const float limit = 1.0f;
+    int32_t found = -1;
+    TriangleHit hit{};
+    walkRay(scene.root, ray, 0.0f, 1.0001f, kSplitTolerance, limit, [&](const KDTreeNode* leaf) {
+        return forEachTriangle(leaf, [&](int32_t tri) {
+            if (!hitTriangle(accel[tri], ray, limit, hit)) return false;
+            found = tri;
+            return true;
+        });
+    });
+    return found;
+}
+
+}  // namespace qelr::raycast
+
+namespace qelr::impl {
+
+using namespace qelr::raycast;
+
+QelStatus qelrIntersectEyeSO_32f(const float origin[3], const float* const dirs[3], float* dist,
+                                 float* const uv[2], int* index, const QelTraceScene* scene,
+                                 QelSize2D size) {
+    if (size.height <= 0 || size.width <= 0) return qelOk;
+    if (nearestPacketsApply(nullptr, dirs, dist, uv, index, size)) {
+        nearestPackets(origin, nullptr, dirs, dist, uv, index, *scene, size.width, size.height);
+    } else {
+        nearestRays(origin, nullptr, dirs, dist, uv, index, *scene,
+                    int64_t{size.width} * size.height);
+    }
+    return qelOk;
+}
+
+QelStatus qelrIntersectMO_32f(const float* const origins[3], const float* const dirs[3],
+                              float* dist, float* const uv[2], int* index,
+                              const QelTraceScene* scene, QelSize2D size) {
+    if (size.height <= 0 || size.width <= 0) return qelOk;
+    if (nearestPacketsApply(origins, dirs, dist, uv, index, size)) {
+        nearestPackets(nullptr, origins, dirs, dist, uv, index, *scene, size.width, size.height);
+    } else {
+        nearestRays(nullptr, origins, dirs, dist, uv, index, *scene,
+                    int64_t{size.width} * size.height);
+    }
+    return qelOk;
+}
+
+QelStatus qelrIntersectAnySO_32f(const float origin[3], const float* const dirs[3], int* index,
+                                 int* mask, QelSize2D size, const QelTraceScene* scene) {
+    if (size.height <= 0 || size.width <= 0) return qelOk;
+    bool packets =
+        size.width % 4 == 0 && size.height % 4 == 0 && aligned16(index) && aligned16(mask);
+    for (int c = 0; c < 3; ++c) packets = packets && aligned16(dirs[c]);
+    if (packets) {
+        anyHitPackets(origin, dirs, index, mask, *scene, size.width, size.height);
+        return qelOk;
+    }
+    const int64_t count = int64_t{size.width} * size.height;
+    for (int64_t i = 0; i < count; ++i) {
+        index[i] = -1;
+        if (mask[i] < 0) continue;
+        Ray ray = rayAt(origin, nullptr, dirs, i);
+        setInverses(ray, kAnyTinyInverse);
+        const int32_t hit = anyHitRay(*scene, ray);
+        if (hit >= 0) {
+            mask[i] = -1;
+            index[i] = hit;
+        }
+    }
+    return qelOk;
+}
+
+// Both paths trace ray by ray: after the first layer every ray has its own
+// origin and its own excluded triangles, which a shared packet cannot use.
+QelStatus qelrIntersectMultipleSO_32f(const float origin[3], const float* const dirs[3],
+                                      float* dist, float* const uv[2], int* index,
+                                      const QelLayeredSize* size, const QelTraceScene* scene) {
+    const int width = size->width, height = size->height, layers = size->layers;
+    if (height <= 0) return qelOk;
+    const int64_t stride = int64_t{width} * height;
+    const int64_t all = stride * layers;
+    for (int64_t i = 0; i < all; ++i) index[i] = -1;
+    if (width <= 0 || layers < 1) return qelOk;
+    for (int64_t i = 0; i < stride; ++i) {
+        Ray ray = rayAt(origin, nullptr, dirs, i);
+        multipleRay(*scene, ray, dist, uv, index, i, stride, layers);
+    }
+    return qelOk;
+}
+
+}  // namespace qelr::impl

@@ -1,0 +1,179 @@
+// What the intersection functions share: reading KD-tree nodes, the one-ray
+// triangle test and the one-ray traversal.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "qelr.h"
+
+namespace qelr::raycast {
+
+// Largest magnitude of a direction component that counts as zero.
+constexpr float kTinyComponent = 1.1920929e-7f;
+// Inverse taken for such a component by the nearest-hit forms (0x4E480000).
+constexpr float kNearestTinyInverse = 838860800.0f;
+// Inverse taken for such a component by the any-hit form (0x47A3D70A).
+constexpr float kAnyTinyInverse = 83886.078125f;
+// Slack added to the far end of a ray's interval before the traversal.
+constexpr float kFarSlack = 0.0001f;
+// Traversal tolerance of the nearest and any-hit forms, and of the multiple-hit form.
+constexpr float kSplitTolerance = 1e-5f;
+constexpr float kLayerSplitTolerance = 0.00019f;
+// The capacity of a traversal stack: the builder limits the depth to 50.
+constexpr int kStackDepth = 50;
+
+inline float floatBits(int32_t w) {
+    float f;
+    std::memcpy(&f, &w, 4);
+    return f;
+}
+
+inline bool isLeaf(const KDTreeNode* n) { return n->word0 < 0; }
+
+// The pair of children of an inner node (below the split, then above).
+inline const KDTreeNode* childrenOf(const KDTreeNode* n) {
+    return reinterpret_cast<const KDTreeNode*>(reinterpret_cast<const char*>(n) + (n->word0 & ~7));
+}
+
+// Calls f(triangle) for the triangles of a leaf in list order; stops and
+// returns true as soon as f returns true. Handles empty, listed and inline leaves.
+template <class F>
+inline bool forEachTriangle(const KDTreeNode* n, F&& f) {
+    const int32_t w0 = n->word0, w1 = n->word1;
+    if (w1 > 0) {
+        const int32_t* list = reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(n) -
+                                                               static_cast<intptr_t>(w0 & ~3));
+        for (int32_t i = 0; i < w1; ++i)
+            if (f(list[i])) return true;
+        return false;
+    }
+    if (w1 == 0) return false;
+    const int32_t w = w0 & 0x7fffffff;
+    const int32_t m = (w1 & 0x7ffffffc) >> 2;
+    switch (w1 & 3) {
+        case 1:
+            return f(w);
+        case 2:
+            return f(w) || f(m);
+        case 3:
+            return f(m - (w >> 16)) || f(m) || f(m + (w & 0xffff));
+        default:
+            return false;
+    }
+}
+
+// One ray: origin, direction, inverse direction and the child taken first
+// (1 when the component is negative) per axis. Four entries so that any
+// two-bit axis field indexes inside.
+struct Ray {
+    float o[4];
+    float d[4];
+    float inv[4];
+    int sign[4];
+};
+
+// Inverses and sign flags; a component of magnitude up to kTinyComponent
+// takes tinyInverse and the flag 0.
+inline void setInverses(Ray& r, float tinyInverse) {
+    for (int a = 0; a < 3; ++a) {
+        const float d = r.d[a];
+        if (d <= kTinyComponent && d >= -kTinyComponent) {
+            r.inv[a] = tinyInverse;
+            r.sign[a] = 0;
+        } else {
+            r.inv[a] = 1.0f / d;
+            r.sign[a] = d < 0.0f ? 1 : 0;
+        }
+    }
+    r.inv[3] = 0.0f;
+    r.sign[3] = 0;
+}
+
+// Clips [tnear, tfar] by the scene box, X then Y then Z; an axis whose
+// component counts as zero takes no part. Returns false when the ray misses.
+inline bool clipByBox(const Ray& r, const float* bounds, float& tnear, float& tfar) {
+    for (int a = 0; a < 3; ++a) {
+        const float d = r.d[a];
+        if (d <= kTinyComponent && d >= -kTinyComponent) continue;
+        const float t1 = (bounds[a + 3] - r.o[a]) / d;
+        const float t2 = (bounds[a] - r.o[a]) / d;
+        const float lo = t2 < t1 ? t2 : t1;
+        const float hi = t1 < t2 ? t2 : t1;
+        tnear = lo > tnear ? lo : tnear;
+        tfar = hi < tfar ? hi : tfar;
+    }
+    return !(tnear > tfar);
+}
+
+struct TriangleHit {
+    float t, b, c;
+};
+
+// The ray-triangle test: the three inside tests come before the division, so
+// either sign of den works. Accepts 0 < t < limit.
+inline bool hitTriangle(const TriangleAccel& r, const Ray& ray, float limit, TriangleHit& hit) {
+    const uint32_t axes = r.axes;
+    if (axes == 0) return false;  // degenerate triangle
+    const uint32_t kv = axes & 3, ku = (axes >> 2) & 3, k = (axes >> 4) & 3;
+    const float du = ray.d[ku], dv = ray.d[kv];
+    const float den = r.nu * du + r.nv * dv + ray.d[k];
+    const float a = r.pu - ray.o[ku], b = r.pv - ray.o[kv];
+    const float num = r.pk + r.nu * a + r.nv * b - ray.o[k];
+    const float q1 = du * num - a * den, q2 = dv * num - b * den;
+    const float bb = r.e1 * q1 - r.e0 * q2, cc = r.e2 * q2 - r.e3 * q1;
+    const float rest = den - bb - cc;
+    if (!(rest * bb >= 0.0f) || !(bb * cc >= 0.0f) || !(rest * cc >= 0.0f)) return false;
+    const float t = num / den;
+    if (!(limit > t && t > 0.0f)) return false;
+    hit.t = t;
+    hit.b = bb / den;
+    hit.c = cc / den;
+    return true;
+}
+
+// Front-to-back traversal of one ray from root over [tnear, tfar]. leaf(node)
+// tests a leaf's triangles and returns true to end the ray. After a leaf the ray
+// ends when the stack is empty or when the next interval starts at or beyond
+// limit (which the leaf function may lower).
+template <class LeafFn>
+inline void walkRay(const KDTreeNode* root, const Ray& ray, float tnear, float tfar, float tol,
+                    const float& limit, LeafFn&& leaf) {
+    struct Entry {
+        const KDTreeNode* node;
+        float tfar;
+    };
+    Entry stack[kStackDepth];
+    int sp = 0;
+    const KDTreeNode* node = root;
+    for (;;) {
+        while (!isLeaf(node)) {
+            const int a = node->word0 & 3;
+            const float ts = (floatBits(node->word1) - ray.o[a]) * ray.inv[a];
+            const KDTreeNode* kids = childrenOf(node);
+            const KDTreeNode* nearChild = kids + ray.sign[a];
+            const KDTreeNode* farChild = kids + (ray.sign[a] ^ 1);
+            if (tnear - ts > tol) {
+                node = farChild;
+                continue;
+            }
+            node = nearChild;
+            if (!(ts - tfar > tol)) {
+                stack[sp].node = farChild;
+                stack[sp].tfar = tfar;
+                ++sp;
+                const float m = ts < tfar ? ts : tfar;
+                tfar = tnear > m ? tnear : m;
+            }
+        }
+        if (leaf(node)) return;
+        if (sp == 0 || tfar >= limit) return;
+        tnear = tfar;
+        --sp;
+        node = stack[sp].node;
+        tfar = stack[sp].tfar;
+    }
+}
+
+}  // namespace qelr::raycast

@@ -1,0 +1,169 @@
+// Forward (projection) and inverse (reconstruction) spherical-harmonic
+// transforms, one sample at a time, for one and three channels.
+#include <cstddef>
+
+#include "core/impl.h"
+#include "sh/sh_basis.h"
+#include "sh/sh_engine.h"
+#include "sh/sh_vector.h"
+
+namespace qelr::impl {
+
+namespace {
+
+bool anyNull(const void* const* planes) {
+    return planes == nullptr || planes[0] == nullptr || planes[1] == nullptr ||
+           planes[2] == nullptr;
+}
+
+// The checks shared by the six transforms, after the pointer checks: true
+// when samples are to be processed, otherwise the call ends with *status.
+bool admitSamples(int n, uint32_t order, const QelSHEngine* engine, QelStatus* status) {
+    if (n == 0) {
+        *status = qelErrSize;
+        return false;
+    }
+    if (order > sh::engineOrder(engine)) {
+        *status = qelErrBadArgument;
+        return false;
+    }
+    *status = qelOk;
+    if (n < 0) return false;
+    // The per-sample evaluation refuses orders above 15 and unknown
+    // selectors and would leave the basis scratch unwritten; such calls are
+    // refused before any sample is touched.
+    const uint32_t algorithm = sh::engineAlgorithm(engine);
+    if (order > sh::kMaxOrder || (algorithm != qelSHDirect && algorithm != qelSHRecurrence)) {
+        *status = qelErrBadArgument;
+        return false;
+    }
+    return true;
+}
+
+int coeffCount(uint32_t order) { return static_cast<int>((order + 1) * (order + 1)); }
+
+}  // namespace
+
+QelStatus qelrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, const float* src,
+                             int n, float* coeffs, uint32_t order, const QelSHEngine* engine) {
+    if (pX == nullptr || pY == nullptr || pZ == nullptr || src == nullptr || coeffs == nullptr ||
+        engine == nullptr)
+        return qelErrNullPointer;
+    QelStatus status;
+    if (!admitSamples(n, order, engine, &status)) return status;
+    const int count = coeffCount(order);
+    alignas(16) float basis[sh::kMaxCoeffs];
+    for (int i = 0; i < n; ++i) {
+        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+        sh::scaleInPlace(basis, count, src[i]);
+        sh::addInPlace(basis, coeffs, count);
+    }
+    return qelOk;
+}
+
+namespace {
+
+// Forward transform of three channels; channel c of sample i is
+// sample(c, i).
+template <class Sample>
+void forwardThreeChannels(const float* pX, const float* pY, const float* pZ, int n,
+                          float* const coeffs[3], uint32_t order, const QelSHEngine* engine,
+                          Sample sample) {
+    const int count = coeffCount(order);
+    alignas(16) float basis[sh::kMaxCoeffs];
+    alignas(16) float scaled[sh::kMaxCoeffs];
+    for (int i = 0; i < n; ++i) {
+        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+        for (int c = 0; c < 3; ++c) {
+            sh::scaleCopy(basis, scaled, count, sample(c, i));
+            sh::addInPlace(scaled, coeffs[c], count);
+        }
+    }
+}
+
+// Inverse transform of three channels; the value of channel c of sample i
+// goes to *target(c, i).
+template <class Target>
+void inverseThreeChannels(const float* const coeffs[3], uint32_t order, const float* pX,
+                          const float* pY, const float* pZ, int n, const QelSHEngine* engine,
+                          Target target) {
+    const int count = coeffCount(order);
+    alignas(16) float basis[sh::kMaxCoeffs];
+    for (int i = 0; i < n; ++i) {
+        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+        for (int c = 0; c < 3; ++c) sh::dotProduct(basis, coeffs[c], count, target(c, i));
+    }
+}
+
+}  // namespace
+
+QelStatus qelrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ, const float* src,
+                               int n, float* const coeffs[3], uint32_t order,
+                               const QelSHEngine* engine) {
+    if (pX == nullptr || pY == nullptr || pZ == nullptr || src == nullptr ||
+        anyNull(reinterpret_cast<const void* const*>(coeffs)) || engine == nullptr)
+        return qelErrNullPointer;
+    QelStatus status;
+    if (!admitSamples(n, order, engine, &status)) return status;
+    forwardThreeChannels(pX, pY, pZ, n, coeffs, order, engine,
+                         [src](int c, int i) { return src[3 * static_cast<ptrdiff_t>(i) + c]; });
+    return qelOk;
+}
+
+QelStatus qelrSHTFwd_32f_P3I(const float* pX, const float* pY, const float* pZ,
+                             const float* const src[3], int n, float* const coeffs[3],
+                             uint32_t order, const QelSHEngine* engine) {
+    if (pX == nullptr || pY == nullptr || pZ == nullptr ||
+        anyNull(reinterpret_cast<const void* const*>(src)) ||
+        anyNull(reinterpret_cast<const void* const*>(coeffs)) || engine == nullptr)
+        return qelErrNullPointer;
+    QelStatus status;
+    if (!admitSamples(n, order, engine, &status)) return status;
+    forwardThreeChannels(pX, pY, pZ, n, coeffs, order, engine,
+                         [src](int c, int i) { return src[c][i]; });
+    return qelOk;
+}
+
+QelStatus qelrSHTInv_32f_C1(const float* coeffs, uint32_t order, const float* pX, const float* pY,
+                            const float* pZ, float* dst, int n, const QelSHEngine* engine) {
+    if (coeffs == nullptr || pX == nullptr || pY == nullptr || pZ == nullptr || dst == nullptr ||
+        engine == nullptr)
+        return qelErrNullPointer;
+    QelStatus status;
+    if (!admitSamples(n, order, engine, &status)) return status;
+    const int count = coeffCount(order);
+    alignas(16) float basis[sh::kMaxCoeffs];
+    for (int i = 0; i < n; ++i) {
+        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+        sh::dotProduct(basis, coeffs, count, dst + i);
+    }
+    return qelOk;
+}
+
+QelStatus qelrSHTInv_32f_P3(const float* const coeffs[3], uint32_t order, const float* pX,
+                            const float* pY, const float* pZ, float* const dst[3], int n,
+                            const QelSHEngine* engine) {
+    if (anyNull(reinterpret_cast<const void* const*>(coeffs)) || pX == nullptr || pY == nullptr ||
+        pZ == nullptr || anyNull(reinterpret_cast<const void* const*>(dst)) || engine == nullptr)
+        return qelErrNullPointer;
+    QelStatus status;
+    if (!admitSamples(n, order, engine, &status)) return status;
+    inverseThreeChannels(coeffs, order, pX, pY, pZ, n, engine,
+                         [dst](int c, int i) { return dst[c] + i; });
+    return qelOk;
+}
+
+QelStatus qelrSHTInv_32f_P3C3(const float* const coeffs[3], uint32_t order, const float* pX,
+                              const float* pY, const float* pZ, float* dst, int n,
+                              const QelSHEngine* engine) {
+    if (anyNull(reinterpret_cast<const void* const*>(coeffs)) || pX == nullptr || pY == nullptr ||
+        pZ == nullptr || dst == nullptr || engine == nullptr)
+        return qelErrNullPointer;
+    QelStatus status;
+    if (!admitSamples(n, order, engine, &status)) return status;
+    inverseThreeChannels(coeffs, order, pX, pY, pZ, n, engine,
+                         [dst](int c, int i) { return dst + 3 * static_cast<ptrdiff_t>(i) + c; });
+    return qelOk;
+}
+
+}  // namespace qelr::impl

@@ -1,0 +1,269 @@
+// Test scenes for the ray casting tests: meshes, accelerator records, a small
+// KD-tree writer that uses every node form (inner nodes, empty, listed and all
+// inline leaves), ray planes with a chosen alignment, and a brute-force oracle
+// (the triangle test over every triangle, no tree).
+#pragma once
+
+#include <qelr.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace qelr_test {
+
+struct Mesh {
+    std::vector<float> vertices;  // three per vertex
+    std::vector<int> indices;     // four per triangle, the fourth unused
+    int triangles() const { return static_cast<int>(indices.size() / 4); }
+    void add(const float a[3], const float b[3], const float c[3]) {
+        const int base = static_cast<int>(vertices.size() / 3);
+        for (const float* v : {a, b, c}) vertices.insert(vertices.end(), v, v + 3);
+        indices.insert(indices.end(), {base, base + 1, base + 2, 0});
+    }
+};
+
+// n random triangles of about `size` inside [-1, 1]^3, plus a few collinear
+// (degenerate) ones.
+inline Mesh randomMesh(int n, float size, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> pos(-1.0f, 1.0f), off(-size, size);
+    Mesh m;
+    for (int t = 0; t < n; ++t) {
+        float c[3], v[3][3];
+        for (float& x : c) x = pos(rng);
+        for (auto& p : v)
+            for (int a = 0; a < 3; ++a) p[a] = c[a] + off(rng);
+        if (t % 17 == 5)  // collinear: the record is all zero and never hit
+            for (int a = 0; a < 3; ++a) v[2][a] = 0.5f * (v[0][a] + v[1][a]);
+        m.add(v[0], v[1], v[2]);
+    }
+    return m;
+}
+
+// A closed box [lo, hi]^3 of 12 triangles sharing edges, around the origin.
+inline Mesh boxMesh(float lo, float hi) {
+    Mesh m;
+    float p[8][3];
+    for (int i = 0; i < 8; ++i)
+        for (int a = 0; a < 3; ++a) p[i][a] = (i >> a) & 1 ? hi : lo;
+    const int faces[6][4] = {{0, 1, 3, 2}, {4, 6, 7, 5}, {0, 4, 5, 1},
+                             {2, 3, 7, 6}, {0, 2, 6, 4}, {1, 5, 7, 3}};
+    for (const auto& f : faces) {
+        m.add(p[f[0]], p[f[1]], p[f[2]]);
+        m.add(p[f[0]], p[f[2]], p[f[3]]);
+    }
+    return m;
+}
+
+inline std::vector<TriangleAccel> recordsOf(const Mesh& m) {
+    std::vector<TriangleAccel> rec(m.triangles());
+    qelrTriangleAccelInit(rec.data(), m.vertices.data(), m.indices.data(), m.triangles());
+    return rec;
+}
+
+inline std::vector<float> boxOf(const Mesh& m) {
+    std::vector<float> box(6);
+    qelrSetBoundBox_32f(m.vertices.data(), static_cast<int>(m.vertices.size() / 3), box.data());
+    return box;
+}
+
+// A KD-tree in the node format, split at the middle of the longest axis.
+// Leaves are written inline or listed at random (inline only where the
+// indices fit), so every leaf form is traversed.
+class TestTree {
+ public:
+    TestTree(const Mesh& m, int maxLeaf, int maxDepth, uint32_t seed) : rng_(seed) {
+        std::vector<int> all(m.triangles());
+        for (int t = 0; t < m.triangles(); ++t) all[t] = t;
+        float box[6] = {FLT_MAX, FLT_MAX, FLT_MAX, -FLT_MAX, -FLT_MAX, -FLT_MAX};
+        for (size_t i = 0; i < m.vertices.size(); ++i) {
+            box[i % 3] = std::min(box[i % 3], m.vertices[i]);
+            box[3 + i % 3] = std::max(box[3 + i % 3], m.vertices[i]);
+        }
+        nodes_.push_back({});
+        grow(m, 0, all, box, 0, maxLeaf, maxDepth);
+        write();
+    }
+    // The single-leaf tree: one listed leaf of every triangle, list 16 bytes on.
+    static std::vector<int32_t> singleLeaf(int triangles) {
+        std::vector<int32_t> w{static_cast<int32_t>(0xFFFFFFF0u), triangles, 0, 0};
+        for (int t = 0; t < triangles; ++t) w.push_back(t);
+        return w;
+    }
+    const KDTreeNode* root() const { return reinterpret_cast<const KDTreeNode*>(words_.data()); }
+    const std::vector<int32_t>& words() const { return words_; }
+    int leafForms[5] = {};  // empty, listed, inline 1, inline 2, inline 3
+
+ private:
+    struct Node {
+        int axis = -1;
+        float split = 0.0f;
+        int child = -1;  // first of the pair
+        std::vector<int> tris;
+    };
+
+    void grow(const Mesh& m, int at, const std::vector<int>& tris, const float* box, int depth,
+              int maxLeaf, int maxDepth) {
+        int axis = 0;
+        for (int a = 1; a < 3; ++a)
+            if (box[a + 3] - box[a] > box[axis + 3] - box[axis]) axis = a;
+        const float split = 0.5f * (box[axis] + box[axis + 3]);
+        std::vector<int> side[2];
+        for (int t : tris) {
+            float lo = FLT_MAX, hi = -FLT_MAX;
+            for (int k = 0; k < 3; ++k) {
+                const float x = m.vertices[3 * m.indices[4 * t + k] + axis];
+                lo = std::min(lo, x);
+                hi = std::max(hi, x);
+            }
+            if (lo <= split) side[0].push_back(t);
+            if (hi >= split) side[1].push_back(t);
+        }
+        const bool stuck = side[0].size() == tris.size() && side[1].size() == tris.size();
+        if (static_cast<int>(tris.size()) <= maxLeaf || depth == maxDepth || stuck) {
+            nodes_[at].tris = tris;
+            return;
+        }
+        const int child = static_cast<int>(nodes_.size());
+        nodes_[at].axis = axis;
+        nodes_[at].split = split;
+        nodes_[at].child = child;
+        nodes_.resize(nodes_.size() + 2);
+        for (int s = 0; s < 2; ++s) {
+            float sub[6];
+            std::copy(box, box + 6, sub);
+            sub[s == 0 ? axis + 3 : axis] = split;
+            grow(m, child + s, side[s], sub, depth + 1, maxLeaf, maxDepth);
+        }
+    }
+
+    // Root at word 0, two zero words, then the pairs; the lists after the nodes.
+    void write() {
+        std::vector<int> slot(nodes_.size());
+        slot[0] = 0;
+        int next = 4;
+        for (size_t n = 0; n < nodes_.size(); ++n)
+            if (nodes_[n].axis >= 0) {
+                slot[nodes_[n].child] = next;
+                slot[nodes_[n].child + 1] = next + 2;
+                next += 4;
+            }
+        words_.assign(next, 0);
+        for (size_t n = 0; n < nodes_.size(); ++n) {
+            const Node& nd = nodes_[n];
+            int32_t* w = &words_[slot[n]];
+            if (nd.axis >= 0) {
+                w[0] = nd.axis | 4 * (slot[nd.child] - slot[n]);
+                std::memcpy(&w[1], &nd.split, 4);
+                continue;
+            }
+            writeLeaf(slot[n], nd.tris);
+        }
+    }
+
+    void writeLeaf(int at, std::vector<int> t) {
+        const int n = static_cast<int>(t.size());
+        const bool inlineWanted = rng_() % 3 != 0;
+        if (n == 0) {
+            words_[at] = -8;
+            words_[at + 1] = 0;
+            ++leafForms[0];
+            return;
+        }
+        if (inlineWanted && n == 1) {
+            words_[at] = static_cast<int32_t>(t[0] | 0x80000000u);
+            words_[at + 1] = static_cast<int32_t>(0x80000001u);
+            ++leafForms[2];
+            return;
+        }
+        if (inlineWanted && n == 2) {  // read back as word 0, then word 1
+            words_[at] = static_cast<int32_t>(t[1] | 0x80000000u);
+            words_[at + 1] = static_cast<int32_t>(static_cast<uint32_t>(t[0]) << 2 | 0x80000002u);
+            ++leafForms[3];
+            return;
+        }
+        std::sort(t.begin(), t.end());
+        if (inlineWanted && n == 3 && t[1] - t[0] < 32768 && t[2] - t[1] < 65536) {
+            words_[at] = static_cast<int32_t>(0x80000000u | (t[1] - t[0]) << 16 | (t[2] - t[1]));
+            words_[at + 1] = static_cast<int32_t>(static_cast<uint32_t>(t[1]) << 2 | 0x80000003u);
+            ++leafForms[4];
+            return;
+        }
+        std::shuffle(t.begin(), t.end(), rng_);
+        const int list = static_cast<int>(words_.size());
+        words_[at] = -4 * (list - at);
+        words_[at + 1] = n;
+        words_.insert(words_.end(), t.begin(), t.end());
+        ++leafForms[1];
+    }
+
+    std::mt19937 rng_;
+    std::vector<Node> nodes_;
+    std::vector<int32_t> words_;
+};
+
+// A float or int plane of n elements starting on a 16-byte boundary (shift 0)
+// or 4 bytes after one (shift 1).
+template <class T>
+class Plane {
+ public:
+    Plane(size_t n, int shift, T fill = T()) : buf_(n + 8, fill), shift_(shift) {
+        const uintptr_t a = reinterpret_cast<uintptr_t>(buf_.data());
+        skew_ = ((16 - a % 16) % 16) / sizeof(T) + shift;
+    }
+    T* data() { return buf_.data() + skew_; }
+    T& operator[](size_t i) { return data()[i]; }
+
+ private:
+    std::vector<T> buf_;
+    int shift_;
+    size_t skew_;
+};
+
+// The triangle test written out on its own: t, the weights B/den, C/den.
+struct OracleHit {
+    bool inside;
+    float t, b, c;
+};
+inline OracleHit oracleTest(const TriangleAccel& r, const float o[3], const float d[3]) {
+    if (r.axes == 0) return {false, 0, 0, 0};
+    const int kv = r.axes & 3, ku = (r.axes >> 2) & 3, k = (r.axes >> 4) & 3;
+    const float den = r.nu * d[ku] + r.nv * d[kv] + d[k];
+    const float a = r.pu - o[ku], b = r.pv - o[kv];
+    const float num = (r.pk + r.nu * a + r.nv * b) - o[k];
+    const float q1 = d[ku] * num - a * den, q2 = d[kv] * num - b * den;
+    const float B = r.e1 * q1 - r.e0 * q2, C = r.e2 * q2 - r.e3 * q1;
+    const bool inside = (den - B - C) * B >= 0 && B * C >= 0 && (den - B - C) * C >= 0;
+    return {inside, num / den, B / den, C / den};
+}
+
+struct OracleResult {
+    int index = -1;
+    float t = 0, b = 0, c = 0;
+};
+
+// Nearest triangle with 0 < t < maxDist, every triangle in index order, each
+// skipped when excluded(tri).
+template <class Excluded>
+OracleResult oracleNearest(const std::vector<TriangleAccel>& rec, const float o[3],
+                           const float d[3], float maxDist, Excluded excluded) {
+    OracleResult r;
+    r.t = maxDist;
+    for (int t = 0; t < static_cast<int>(rec.size()); ++t) {
+        if (excluded(t)) continue;
+        const OracleHit h = oracleTest(rec[t], o, d);
+        if (h.inside && r.t > h.t && h.t > 0) r = {t, h.t, h.b, h.c};
+    }
+    return r;
+}
+inline OracleResult oracleNearest(const std::vector<TriangleAccel>& rec, const float o[3],
+                                  const float d[3], float maxDist) {
+    return oracleNearest(rec, o, d, maxDist, [](int) { return false; });
+}
+
+}  // namespace qelr_test

@@ -1,0 +1,475 @@
+// Ray-scene intersection against a brute-force oracle (the triangle test over
+// every triangle, no tree), on both paths (the packet path is taken for
+// aligned planes whose width and height are multiples of 4, the one-ray path
+// for planes shifted by one element), over trees of every node form.
+#include <gtest/gtest.h>
+#include <qelr.h>
+
+#include <cfloat>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "scene_util.h"
+#include "test_util.h"
+
+using namespace qelr_test;
+
+namespace {
+
+constexpr int kPacket = 0;  // plane shift that selects the packet path
+constexpr int kOneRay = 1;  // plane shift that selects the one-ray path
+
+struct Scene {
+    Mesh mesh;
+    std::vector<TriangleAccel> rec;
+    std::vector<float> box;
+    std::vector<int32_t> words;
+    QelTraceScene ctx{};
+    Scene(Mesh m, std::vector<int32_t> tree) : mesh(std::move(m)), words(std::move(tree)) {
+        init();
+    }
+    Scene(const Scene& o) : mesh(o.mesh), words(o.words) { init(); }
+    void init() {
+        rec = recordsOf(mesh);
+        box = boxOf(mesh);
+        ctx = {box.data(), rec.data(), reinterpret_cast<const KDTreeNode*>(words.data())};
+    }
+};
+
+// Rays: width x height, origins and directions per element.
+struct Rays {
+    int w, h;
+    std::vector<float> o[3], d[3], dist;
+    size_t n() const { return size_t(w) * h; }
+};
+
+// Camera-like rays from one origin outside the scene, with random spread and
+// a few special directions (axis-parallel, -0.0, tiny negative components).
+Rays cameraRays(int w, int h, uint32_t seed, bool ownOrigins) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    Rays r{w, h};
+    for (int i = 0; i < w * h; ++i) {
+        float o[3] = {0.1f, -0.2f, -3.0f}, d[3];
+        if (ownOrigins)
+            for (float& x : o) x = 1.3f * u(rng);
+        for (float& x : d) x = u(rng);
+        if (!ownOrigins) d[2] = 1.0f + 0.2f * u(rng);
+        switch (i % 23) {
+            case 3:
+                d[0] = 0.0f;
+                break;
+            case 7:
+                d[1] = -0.0f;
+                break;
+            case 11:
+                d[0] = -1e-8f;
+                d[1] = 1e-9f;
+                break;
+            case 13:
+                d[0] = d[1] = 0.0f;
+                break;
+            default:
+                break;
+        }
+        for (int c = 0; c < 3; ++c) {
+            r.o[c].push_back(o[c]);
+            r.d[c].push_back(d[c]);
+        }
+        r.dist.push_back(i % 9 == 4 ? 0.0f : i % 9 == 6 ? 2.5f : 1e30f);
+    }
+    return r;
+}
+
+struct Result {
+    std::vector<float> dist, u, v;
+    std::vector<int> index;
+};
+
+Result traceNearest(const Scene& s, const Rays& r, int shift, bool ownOrigins) {
+    const size_t n = r.n();
+    Plane<float> o[3] = {{n, shift}, {n, shift}, {n, shift}},
+                 d[3] = {{n, shift}, {n, shift}, {n, shift}};
+    Plane<float> dist(n, shift), u(n, shift, -5.0f), v(n, shift, -5.0f);
+    Plane<int> index(n, shift, 77);
+    for (size_t i = 0; i < n; ++i) {
+        for (int c = 0; c < 3; ++c) {
+            o[c][i] = r.o[c][i];
+            d[c][i] = r.d[c][i];
+        }
+        dist[i] = r.dist[i];
+    }
+    const float* const op[3] = {o[0].data(), o[1].data(), o[2].data()};
+    const float* const dp[3] = {d[0].data(), d[1].data(), d[2].data()};
+    float* const uv[2] = {u.data(), v.data()};
+    const float origin[3] = {r.o[0][0], r.o[1][0], r.o[2][0]};
+    const QelStatus st =
+        ownOrigins
+            ? qelrIntersectMO_32f(op, dp, dist.data(), uv, index.data(), &s.ctx, {r.w, r.h})
+            : qelrIntersectEyeSO_32f(origin, dp, dist.data(), uv, index.data(), &s.ctx, {r.w, r.h});
+    EXPECT_EQ(st, qelOk);
+    Result out;
+    for (size_t i = 0; i < n; ++i) {
+        out.dist.push_back(dist[i]);
+        out.u.push_back(u[i]);
+        out.v.push_back(v[i]);
+        out.index.push_back(index[i]);
+    }
+    return out;
+}
+
+// Checks a nearest-hit result against the oracle. The one-ray path computes
+// the same arithmetic: equal bits. The packet path forms t, B and C with an
+// approximate reciprocal: the same triangle, values within a few ulps.
+// Two triangles at the same distance may be found in either order.
+void expectOracle(const Scene& s, const Rays& r, const Result& got, bool exact, const char* what) {
+    int hits = 0;
+    for (size_t i = 0; i < r.n(); ++i) {
+        const float o[3] = {r.o[0][i], r.o[1][i], r.o[2][i]};
+        const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
+        const OracleResult want = oracleNearest(s.rec, o, d, r.dist[i]);
+        if (want.index < 0) {
+            EXPECT_EQ(got.index[i], -1) << what << " ray " << i;
+            EXPECT_EQ(got.dist[i], r.dist[i]) << what << " ray " << i;
+            EXPECT_EQ(got.u[i], -5.0f) << what << " ray " << i;  // uv only for hits
+            continue;
+        }
+        ++hits;
+        if (got.index[i] != want.index) {  // only a tie at the same distance
+            ASSERT_GE(got.index[i], 0)
+                << what << " ray " << i << " t " << want.t << " d " << d[0] << "," << d[1] << ","
+                << d[2] << " o " << o[0] << "," << o[1] << "," << o[2] << " max " << r.dist[i]
+                << " got " << got.dist[i];
+            const OracleHit other = oracleTest(s.rec[got.index[i]], o, d);
+            EXPECT_TRUE(other.inside && std::fabs(other.t - want.t) <= 1e-6f * want.t)
+                << what << " ray " << i << " got " << got.index[i] << " want " << want.index;
+            continue;
+        }
+        if (exact) {
+            EXPECT_EQ(bitsOf(got.dist[i]), bitsOf(want.t)) << what << " ray " << i;
+            EXPECT_EQ(bitsOf(got.u[i]), bitsOf(want.b)) << what << " ray " << i;
+            EXPECT_EQ(bitsOf(got.v[i]), bitsOf(want.c)) << what << " ray " << i;
+        } else {
+            EXPECT_NEAR(got.dist[i], want.t, 2e-6f * want.t) << what << " ray " << i;
+            EXPECT_NEAR(got.u[i], want.b, 1e-5f) << what << " ray " << i;
+            EXPECT_NEAR(got.v[i], want.c, 1e-5f) << what << " ray " << i;
+        }
+    }
+    EXPECT_GT(hits, int(r.n() / 8)) << what;  // the scene is actually hit
+}
+
+const std::vector<Scene>& scenes() {
+    static const std::vector<Scene> all = [] {
+        std::vector<Scene> out;
+        for (uint32_t seed : {1u, 2u}) {
+            Mesh m = randomMesh(400, 0.3f, seed);
+            const float far[3][3] = {{4, 4, 4}, {4.1f, 4, 4}, {4, 4.1f, 4}};  // leaves empty space
+            m.add(far[0], far[1], far[2]);
+            for (int maxLeaf : {1, 3, 6}) {
+                TestTree t(m, maxLeaf, 30, seed * 10 + maxLeaf);
+                for (int f = 0; f < 5; ++f) EXPECT_GT(t.leafForms[f], 0) << "leaf form " << f;
+                out.emplace_back(m, t.words());
+            }
+            out.emplace_back(m, TestTree::singleLeaf(m.triangles()));
+        }
+        Mesh closed = boxMesh(-0.5f, 0.5f);  // shared edges and corners
+        Mesh both = randomMesh(40, 0.3f, 9);
+        for (int t = 0; t < closed.triangles(); ++t) {
+            const int* idx = &closed.indices[4 * t];
+            both.add(&closed.vertices[3 * idx[0]], &closed.vertices[3 * idx[1]],
+                     &closed.vertices[3 * idx[2]]);
+        }
+        out.emplace_back(both, TestTree(both, 2, 30, 5).words());
+        return out;
+    }();
+    return all;
+}
+
+}  // namespace
+
+TEST(IntersectNearest, MatchesOracleOnBothPathsAndBothOriginForms) {
+    uint32_t seed = 100;
+    for (const Scene& s : scenes()) {
+        for (bool mo : {false, true}) {
+            const Rays r = cameraRays(16, 12, ++seed, mo);
+            expectOracle(s, r, traceNearest(s, r, kOneRay, mo), true,
+                         mo ? "MO one-ray" : "SO one-ray");
+            expectOracle(s, r, traceNearest(s, r, kPacket, mo), false,
+                         mo ? "MO packet" : "SO packet");
+        }
+    }
+}
+
+TEST(IntersectNearest, OneRayPathForWidthsNotMultipleOfFour) {
+    const Scene& s = scenes()[1];
+    const Rays r = cameraRays(6, 8, 7, false);
+    expectOracle(s, r, traceNearest(s, r, kPacket, false), true, "width 6");
+}
+
+namespace {
+
+// One triangle in the plane z = 1 covering x, y in about [-1, 1].
+Scene planeScene() {
+    Mesh m;
+    const float a[3] = {-1, -1, 1}, b[3] = {3, -1, 1}, c[3] = {-1, 3, 1};
+    m.add(a, b, c);
+    const float p[3] = {5, 5, 5}, q[3] = {6, 6, 6}, r[3] = {7, 7, 7};  // degenerate
+    m.add(p, q, r);
+    return Scene(m, TestTree::singleLeaf(2));
+}
+
+// A 4 x 4 pack of copies of one ray.
+Rays sameRay(const float o[3], const float d[3], float dist) {
+    Rays r{4, 4};
+    for (int i = 0; i < 16; ++i) {
+        for (int c = 0; c < 3; ++c) {
+            r.o[c].push_back(o[c]);
+            r.d[c].push_back(d[c]);
+        }
+        r.dist.push_back(dist);
+    }
+    return r;
+}
+
+}  // namespace
+
+TEST(IntersectNearest, EdgeCases) {
+    const Scene s = planeScene();
+    const float o[3] = {0.25f, 0.0f, -1.0f}, axial[3] = {0.0f, -0.0f, 2.0f};
+    for (int shift : {kPacket, kOneRay}) {
+        // Parallel to two axes: those axes take no part in the box test.
+        Result res = traceNearest(s, sameRay(o, axial, 1e30f), shift, false);
+        EXPECT_EQ(res.index[5], 0);
+        EXPECT_FLOAT_EQ(res.dist[5], 1.0f);
+        EXPECT_NEAR(res.u[5], 0.4375f, 1e-6f);  // weight of the first vertex
+        EXPECT_NEAR(res.v[5], 0.3125f, 1e-6f);  // weight of the second vertex
+        // dist 0 on entry: nothing can be hit.
+        res = traceNearest(s, sameRay(o, axial, 0.0f), shift, false);
+        EXPECT_EQ(res.index[5], -1);
+        EXPECT_EQ(res.dist[5], 0.0f);
+        // A maximum just at the hit: strict acceptance (the packet path's t
+        // may come out one ulp below the quotient).
+        if (shift == kOneRay) {
+            res = traceNearest(s, sameRay(o, axial, 1.0f), shift, false);
+            EXPECT_EQ(res.index[5], -1);
+        }
+        // Starting inside the box, looking back: t would be negative.
+        const float inside[3] = {0.25f, 0.5f, 1.0000001f}, up[3] = {0.0f, 0.0f, 1.0f};
+        res = traceNearest(s, sameRay(inside, up, 1e30f), shift, true);
+        EXPECT_EQ(res.index[0], -1);
+        // The degenerate record is never hit, even along its line.
+        const float on[3] = {4, 4, 4}, along[3] = {1, 1, 1};
+        res = traceNearest(s, sameRay(on, along, 1e30f), shift, true);
+        EXPECT_EQ(res.index[0], -1);
+    }
+    // Zero or negative height returns at once.
+    float x = 0, y = 0, z = 1, dist = 5, u = 0, v = 0;
+    int index = 3;
+    const float* const d[3] = {&x, &y, &z};
+    float* const uv[2] = {&u, &v};
+    EXPECT_EQ(qelrIntersectEyeSO_32f(o, d, &dist, uv, &index, &s.ctx, {1, 0}), qelOk);
+    EXPECT_EQ(qelrIntersectEyeSO_32f(o, d, &dist, uv, &index, &s.ctx, {1, -2}), qelOk);
+    EXPECT_EQ(index, 3);
+}
+
+namespace {
+
+// Shadow rays from a light to points in the scene box; masks partly negative.
+Rays shadowRays(int w, int h, uint32_t seed, bool oneOctant) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    Rays r{w, h};
+    const float light[3] = {0.2f, 1.6f, -0.3f};
+    for (int i = 0; i < w * h; ++i) {
+        float target[3] = {u(rng), u(rng), u(rng)};
+        if (!oneOctant && i % 2) target[1] = 2.5f;  // some rays go up
+        if (oneOctant)
+            target[0] = 0.3f + 0.5f * std::fabs(target[0]), target[2] = 0.0f + std::fabs(target[2]);
+        for (int c = 0; c < 3; ++c) {
+            r.o[c].push_back(light[c]);
+            r.d[c].push_back(target[c] - light[c]);
+        }
+        r.dist.push_back(0.0f);
+    }
+    return r;
+}
+
+struct AnyResult {
+    std::vector<int> index, mask;
+};
+
+AnyResult traceAny(const Scene& s, const Rays& r, int shift, const std::vector<int>& maskIn) {
+    const size_t n = r.n();
+    Plane<float> d[3] = {{n, shift}, {n, shift}, {n, shift}};
+    Plane<int> index(n, shift, 77), mask(n, shift);
+    for (size_t i = 0; i < n; ++i) {
+        for (int c = 0; c < 3; ++c) d[c][i] = r.d[c][i];
+        mask[i] = maskIn[i];
+    }
+    const float* const dp[3] = {d[0].data(), d[1].data(), d[2].data()};
+    const float origin[3] = {r.o[0][0], r.o[1][0], r.o[2][0]};
+    QelTraceScene ctx = s.ctx;
+    ctx.bounds = nullptr;  // the any-hit form does not read the box
+    EXPECT_EQ(qelrIntersectAnySO_32f(origin, dp, index.data(), mask.data(), {r.w, r.h}, &ctx),
+              qelOk);
+    AnyResult out;
+    for (size_t i = 0; i < n; ++i) {
+        out.index.push_back(index[i]);
+        out.mask.push_back(mask[i]);
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(IntersectAny, MatchesOracleWithCachedOccluderAndBothPacketSizes) {
+    uint32_t seed = 500;
+    for (const Scene& s : scenes()) {
+        for (bool oneOctant : {false, true}) {
+            const Rays r = shadowRays(16, 8, ++seed, oneOctant);
+            std::vector<int> maskIn(r.n());
+            for (size_t i = 0; i < r.n(); ++i) maskIn[i] = i % 5 == 2 ? -3 : int(i);
+            maskIn[48] = -1;  // the probe is the second ray of the fourth row
+            for (int shift : {kOneRay, kPacket}) {
+                const AnyResult got = traceAny(s, r, shift, maskIn);
+                int blocked = 0;
+                for (size_t i = 0; i < r.n(); ++i) {
+                    const float o[3] = {r.o[0][i], r.o[1][i], r.o[2][i]};
+                    const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
+                    if (maskIn[i] < 0) {
+                        EXPECT_EQ(got.index[i], -1);
+                        EXPECT_EQ(got.mask[i], maskIn[i]);
+                        continue;
+                    }
+                    const bool want = oracleNearest(s.rec, o, d, 1.0f).index >= 0;
+                    if (!want) {
+                        EXPECT_EQ(got.index[i], -1) << shift << " ray " << i;
+                        EXPECT_EQ(got.mask[i], maskIn[i]) << shift << " ray " << i;
+                        continue;
+                    }
+                    ++blocked;
+                    EXPECT_EQ(got.mask[i], -1) << shift << " ray " << i;
+                    ASSERT_GE(got.index[i], 0) << shift << " ray " << i;
+                    const OracleHit h = oracleTest(s.rec[got.index[i]], o, d);
+                    EXPECT_TRUE(h.inside && h.t > 0 && h.t < 1.0f) << shift << " ray " << i;
+                }
+                EXPECT_GT(blocked, 5);
+            }
+        }
+    }
+}
+
+TEST(IntersectAny, HitAtExactlyOneIsNotAccepted) {
+    const Scene s = planeScene();
+    const float light[3] = {0.25f, 0.5f, 0.0f};
+    for (int shift : {kOneRay, kPacket}) {
+        // The packet path's t may come out one ulp below the quotient 1.0.
+        for (float dz : {1.0f, 1.5f, 0.9f}) {
+            if (dz == 1.0f && shift == kPacket) continue;
+            const bool hit = dz > 1.0f;
+            const float d[3] = {0.0f, 0.0f, dz};
+            const AnyResult got = traceAny(s, sameRay(light, d, 0), shift, std::vector<int>(16, 0));
+            EXPECT_EQ(got.index[3], hit ? 0 : -1) << shift;
+            EXPECT_EQ(got.mask[3], hit ? -1 : 0) << shift;
+        }
+    }
+}
+
+namespace {
+
+// Layers of successive hits written out with the oracle, from the rules: the
+// origin moves to each hit, distances accumulate, the previous hit and the
+// recent-hits list are excluded.
+void expectLayers(const Scene& s, const Rays& r, int layers) {
+    const size_t n = r.n();
+    std::vector<float> dist(n * layers, 123.0f), u(n * layers, -5.0f), v(n * layers, -5.0f);
+    std::vector<int> index(n * layers, 77);
+    for (size_t i = 0; i < n; ++i) dist[i] = r.dist[i];
+    std::vector<float> d[3] = {r.d[0], r.d[1], r.d[2]};
+    const float* const dp[3] = {d[0].data(), d[1].data(), d[2].data()};
+    float* const uv[2] = {u.data(), v.data()};
+    const float origin[3] = {r.o[0][0], r.o[1][0], r.o[2][0]};
+    const QelLayeredSize size{r.w, r.h, layers};
+    ASSERT_EQ(qelrIntersectMultipleSO_32f(origin, dp, dist.data(), uv, index.data(), &size, &s.ctx),
+              qelOk);
+    for (size_t i = 0; i < n; ++i) {
+        float o[3] = {origin[0], origin[1], origin[2]};
+        const float dd[3] = {d[0][i], d[1][i], d[2][i]};
+        int recent[8], previous = -1;
+        float bound = r.dist[i];
+        bool missed = false;
+        for (int h = 0; h < layers; ++h) {
+            const size_t at = i + h * n;
+            if (missed) {
+                EXPECT_EQ(index[at], -1);
+                EXPECT_EQ(dist[at], 123.0f);
+                continue;
+            }
+            const OracleResult want = oracleNearest(s.rec, o, dd, bound, [&](int t) {
+                if (t == previous) return true;
+                for (int k = 0; k < h % 8; ++k)
+                    if (recent[k] == t) return true;
+                return false;
+            });
+            ASSERT_EQ(index[at], want.index) << "ray " << i << " layer " << h;
+            if (want.index < 0) {
+                EXPECT_EQ(dist[at], h == 0 ? r.dist[i] : FLT_MAX);
+                missed = true;
+                continue;
+            }
+            const float cumulative = h == 0 ? want.t : want.t + dist[at - n];
+            EXPECT_EQ(bitsOf(dist[at]), bitsOf(cumulative)) << "ray " << i << " layer " << h;
+            EXPECT_EQ(bitsOf(u[at]), bitsOf(want.b));
+            EXPECT_EQ(bitsOf(v[at]), bitsOf(want.c));
+            for (int c = 0; c < 3; ++c) o[c] = o[c] + want.t * dd[c];
+            recent[h % 8] = want.index;
+            previous = want.index;
+            bound = FLT_MAX;
+        }
+    }
+}
+
+}  // namespace
+
+TEST(IntersectMultiple, LayersMatchOracle) {
+    uint32_t seed = 900;
+    for (const Scene& s : scenes()) {
+        expectLayers(s, cameraRays(8, 4, ++seed, false), 3);
+    }
+    // A long run of hits through stacked planes wraps the recent-hits list.
+    Mesh stack;
+    for (int k = 0; k < 12; ++k) {
+        const float z = 0.1f * k;
+        const float a[3] = {-1, -1, z}, b[3] = {3, -1, z}, c[3] = {-1, 3, z};
+        stack.add(a, b, c);
+    }
+    const Scene planes(stack, TestTree(stack, 2, 30, 3).words());
+    const float o[3] = {0.1f, 0.2f, -1.0f}, d[3] = {0.01f, 0.02f, 1.0f};
+    expectLayers(planes, sameRay(o, d, 1e30f), 14);
+}
+
+TEST(IntersectMultiple, LayerCountSemantics) {
+    const Scene& s = scenes()[0];
+    const Rays r = cameraRays(8, 4, 3, false);
+    // One layer equals the nearest hit.
+    std::vector<float> dist = r.dist, u(r.n()), v(r.n());
+    std::vector<int> index(r.n());
+    const float* const dp[3] = {r.d[0].data(), r.d[1].data(), r.d[2].data()};
+    float* const uv[2] = {u.data(), v.data()};
+    const float origin[3] = {r.o[0][0], r.o[1][0], r.o[2][0]};
+    QelLayeredSize size{r.w, r.h, 1};
+    ASSERT_EQ(qelrIntersectMultipleSO_32f(origin, dp, dist.data(), uv, index.data(), &size, &s.ctx),
+              qelOk);
+    const Result nearest = traceNearest(s, r, kOneRay, false);
+    EXPECT_EQ(index, nearest.index);
+    // Layers below 1 trace and write nothing.
+    for (int layers : {0, -2}) {
+        std::vector<int> untouched(r.n(), 55);
+        size.layers = layers;
+        ASSERT_EQ(qelrIntersectMultipleSO_32f(origin, dp, dist.data(), uv, untouched.data(), &size,
+                                              &s.ctx),
+                  qelOk);
+        EXPECT_EQ(untouched, std::vector<int>(r.n(), 55));
+    }
+}
