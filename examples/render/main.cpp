@@ -48,7 +48,8 @@ int main(int argc, char** argv) {
     const int threads = options.threads > 0 ? options.threads : omp_get_max_threads();
 
     Scene scene;
-    if (!makeScene(options.mesh, float(options.width) / float(options.height), scene, message)) {
+    if (!makeScene(options.mesh, options.sceneTriangles,
+                   float(options.width) / float(options.height), scene, message)) {
         std::fprintf(stderr, "%s: %s\n", argv[0], message.c_str());
         return 1;
     }

@@ -35,6 +35,7 @@ std::string usageText(const char* program) {
            "  -o, --output FILE    PNG file to write (default qelr-render.png)\n"
            "  -t, --threads N      threads (default: every processor)\n"
            "  -a, --samples N      N x N samples per pixel (default 1)\n"
+           "  -n, --triangles N    triangles of the built-in scene (default 300000)\n"
            "      --flat           flat normals (default: smooth)\n"
            "  -q, --quiet          no progress bar and no summary\n"
            "  -h, --help           this text\n";
@@ -77,6 +78,12 @@ ParseResult parseOptions(int argc, const char* const* argv, Options& options,
             if (!value(v)) return ParseResult::kError;
             if (!parseInt(v, 1, 8, options.samples)) {
                 message = "bad sample count '" + std::string(v) + "' (1 to 8)";
+                return ParseResult::kError;
+            }
+        } else if (arg == "-n" || arg == "--triangles") {
+            if (!value(v)) return ParseResult::kError;
+            if (!parseInt(v, 1000, 20000000, options.sceneTriangles)) {
+                message = "bad triangle count '" + std::string(v) + "' (1000 to 20000000)";
                 return ParseResult::kError;
             }
         } else if (arg.size() > 1 && arg[0] == '-') {

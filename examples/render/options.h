@@ -8,10 +8,11 @@ namespace qelr_render {
 struct Options {
     int width = 640;
     int height = 400;
-    int threads = 0;     // 0: every processor
-    int samples = 1;     // samples per pixel along each axis
-    bool flat = false;   // flat instead of smooth normals
-    bool quiet = false;  // no progress bar and no summary
+    int threads = 0;              // 0: every processor
+    int samples = 1;              // samples per pixel along each axis
+    int sceneTriangles = 300000;  // size of the built-in scene
+    bool flat = false;            // flat instead of smooth normals
+    bool quiet = false;           // no progress bar and no summary
     std::string output = "qelr-render.png";
     std::string mesh;  // empty: the built-in scene
 };

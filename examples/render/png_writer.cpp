@@ -89,7 +89,7 @@ std::vector<uint8_t> encodePng(const uint8_t* rgb, int width, int height) {
     }
     uLongf packedSize = compressBound(uLong(filtered.size()));
     std::vector<uint8_t> packed(packedSize);
-    compress2(packed.data(), &packedSize, filtered.data(), uLong(filtered.size()), 9);
+    compress2(packed.data(), &packedSize, filtered.data(), uLong(filtered.size()), 6);
     packed.resize(packedSize);
 
     std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};

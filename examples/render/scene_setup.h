@@ -8,8 +8,10 @@
 
 namespace qelr_render {
 
-// meshPath empty: the built-in scene. `aspect` is width / height of the image.
-bool makeScene(const std::string& meshPath, float aspect, Scene& scene, std::string& error);
+// meshPath empty: the built-in scene of about `sceneTriangles` triangles.
+// `aspect` is width / height of the image.
+bool makeScene(const std::string& meshPath, int sceneTriangles, float aspect, Scene& scene,
+               std::string& error);
 
 // Adds a checkered floor under the mesh already in `scene` (whose triangles
 // get `albedo` and `reflectivity` where none is set yet) and places the camera

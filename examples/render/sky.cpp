@@ -13,24 +13,26 @@ Vec3 mix(Vec3 a, Vec3 b, float t) {
 
 }  // namespace
 
+constexpr Vec3 kZenith{0.10f, 0.26f, 0.72f};
+constexpr Vec3 kHorizon{0.70f, 0.78f, 0.88f};
+constexpr Vec3 kGround{0.28f, 0.29f, 0.27f};
+
 Vec3 skyRadiance(Vec3 d, Vec3 sun) {
-    const Vec3 zenith{0.18f, 0.36f, 0.85f}, horizon{0.85f, 0.88f, 0.95f};
-    const Vec3 groundNear{0.42f, 0.38f, 0.34f}, groundFar{0.16f, 0.15f, 0.14f};
-    Vec3 c;
-    if (d.y >= 0.0f) {
-        c = mix(horizon, zenith, std::pow(d.y, 0.45f));
-    } else {
-        c = mix(groundNear, groundFar, std::pow(-d.y, 0.5f));
-    }
+    // Blue overhead, pale at the horizon; below it the haze darkens slowly
+    // towards the ground, continuous with the horizon.
+    Vec3 c = d.y >= 0.0f ? mix(kHorizon, kZenith, std::pow(d.y, 0.4f))
+                         : mix(kHorizon, kGround, std::pow(-d.y, 0.6f));
     const float cosSun = d.x * sun.x + d.y * sun.y + d.z * sun.z;
     if (cosSun > 0.0f && d.y > -0.05f) {
-        const float glow = 0.9f * std::pow(cosSun, 12.0f) + 6.0f * std::pow(cosSun, 600.0f);
+        const float glow = 0.7f * std::pow(cosSun, 10.0f) + 8.0f * std::pow(cosSun, 800.0f);
         c.x += glow * 1.0f;
-        c.y += glow * 0.82f;
-        c.z += glow * 0.6f;
+        c.y += glow * 0.85f;
+        c.z += glow * 0.62f;
     }
     return c;
 }
+
+Vec3 hazeColour() { return kHorizon; }
 
 SkyLight::~SkyLight() { qelFree(engine_); }
 

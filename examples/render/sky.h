@@ -13,6 +13,9 @@ namespace qelr_render {
 // glow round the sun and a dark ground below the horizon.
 Vec3 skyRadiance(Vec3 d, Vec3 sun);
 
+// The colour that distant surfaces fade into.
+Vec3 hazeColour();
+
 // The irradiance the sky gives a surface of normal n, divided by pi (so a
 // surface of albedo a reflects a * value): the sky is sampled, projected on
 // the spherical-harmonic basis with the forward transform, the bands are

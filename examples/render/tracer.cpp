@@ -17,7 +17,8 @@ namespace {
 constexpr int kBlock = 64;                   // block edge in pixels
 constexpr int kBlockRays = kBlock * kBlock;  // rays per block
 constexpr float kHitEps = 0.9995f;           // keeps hit points off their surface
-constexpr float kExposure = 1.1f;
+constexpr float kAmbient = 0.55f;            // share of the sky light that reaches surfaces
+constexpr float kExposure = 0.8f;
 
 double secondsSince(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
@@ -28,9 +29,12 @@ Vec3 unit(Vec3 v) {
     return r > 0 ? Vec3{v.x / r, v.y / r, v.z / r} : Vec3{0, 1, 0};
 }
 
-// 1 - exp(-x) keeps highlights from clipping; then the sRGB curve.
+// A filmic curve (a fit of the ACES reference tone map) keeps highlights
+// from clipping and the shadows' contrast; then the sRGB curve.
 uint8_t toByte(float linear) {
-    const float x = 1.0f - std::exp(-kExposure * std::max(linear, 0.0f));
+    const float v = kExposure * std::max(linear, 0.0f);
+    const float x =
+        std::clamp((v * (2.51f * v + 0.03f)) / (v * (2.43f * v + 0.59f) + 0.14f), 0.0f, 1.0f);
     const float s = x <= 0.0031308f ? 12.92f * x : 1.055f * std::pow(x, 1.0f / 2.4f) - 0.055f;
     return uint8_t(std::lround(std::clamp(s, 0.0f, 1.0f) * 255.0f));
 }
@@ -140,6 +144,10 @@ bool Tracer::build(std::string& error, RenderStats& stats) {
                        scene_.light.z - centre.z};
     lightDistanceSquared_ = toLight.x * toLight.x + toLight.y * toLight.y + toLight.z * toLight.z;
     sun_ = unit(toLight);
+    const float diagonal = std::sqrt((bounds_[3] - bounds_[0]) * (bounds_[3] - bounds_[0]) +
+                                     (bounds_[4] - bounds_[1]) * (bounds_[4] - bounds_[1]) +
+                                     (bounds_[5] - bounds_[2]) * (bounds_[5] - bounds_[2]));
+    fogDistance_ = 6.0f * diagonal;
     if (!sky_.init(sun_)) {
         error = "the spherical-harmonic sky could not be set up";
         return false;
@@ -180,7 +188,7 @@ void Tracer::shadeHits(Block& b, QelSize2D size, const float* const dirs[3], con
     qelrDistAttenuationSO_32f_M(light, points, b.shadowMask, b.atten, n);
     for (int k = 0; k < 3; ++k) qelrDiv_32f_C1IM(b.atten, b.shadowMask, b.cosine, n);
     const float d2 = lightDistanceSquared_;
-    const float lightColour[3] = {2.2f * d2, 2.0f * d2, 1.75f * d2};
+    const float lightColour[3] = {2.3f * d2, 2.05f * d2, 1.7f * d2};
     qelrAddMulMul_32f_AC1P3IM(lightColour, b.cosine, b.albedo, b.shadowMask, colour, n);
 
     // Ambient light from the sky, evaluated at the normals (misses get any
@@ -195,7 +203,7 @@ void Tracer::shadeHits(Block& b, QelSize2D size, const float* const dirs[3], con
     for (int i = 0; i < n; ++i) {
         if (index[i] < 0) continue;
         for (int c = 0; c < 3; ++c)
-            colour[c][i] += b.albedo[c][i] * std::max(b.ambient[c][i], 0.0f);
+            colour[c][i] += b.albedo[c][i] * kAmbient * std::max(b.ambient[c][i], 0.0f);
     }
 }
 
@@ -227,18 +235,18 @@ void Tracer::traceBlock(Block& b, QelSize2D size, QelPos2D pos, RenderStats& cou
         const float grazing = std::pow(1.0f - cosView, 5.0f);
         b.weight[i] = r0 > 0.0f ? r0 + (1.0f - r0) * grazing * 0.6f : 0.0f;
         b.keep[i] = 1.0f - b.weight[i];
-        b.dist2[i] = FLT_MAX;
+        b.dist2[i] = r0 > 0.0f ? FLT_MAX : 0.0f;  // matte surfaces reflect nothing
+        counts.reflectionRays += r0 > 0.0f;
     }
     qelrMul_32f_C1P3IM(b.keep, b.index, b.colour, n);
 
     // One reflection bounce from the hit points.
     qelrCastReflectionRay_32f(b.dirs, b.index, b.normals, b.reflDirs, n);
     qelrIntersectMO_32f(b.points, b.reflDirs, b.dist2, b.uv2, b.index2, &trace_, size);
-    for (int i = 0; i < n; ++i) counts.reflectionRays += b.index[i] >= 0;
     qelrHitPoint3DEpsM0_32f_M(b.points, b.reflDirs, b.dist2, b.index2, b.points2, n, kHitEps);
     shadeHits(b, size, b.reflDirs, b.index2, b.uv2, b.points2, b.colour2, counts.shadowRays);
     for (int i = 0; i < n; ++i) {
-        if (b.index[i] >= 0 && b.index2[i] < 0) {
+        if (b.weight[i] > 0.0f && b.index2[i] < 0) {
             const Vec3 s =
                 skyRadiance(unit({b.reflDirs[0][i], b.reflDirs[1][i], b.reflDirs[2][i]}), sun_);
             b.colour2[0][i] = s.x, b.colour2[1][i] = s.y, b.colour2[2][i] = s.z;
@@ -247,10 +255,19 @@ void Tracer::traceBlock(Block& b, QelSize2D size, QelPos2D pos, RenderStats& cou
     const float white[3] = {1.0f, 1.0f, 1.0f};
     qelrAddMulMul_32f_AC1P3IM(white, b.weight, b.colour2, b.index, b.colour, n);
 
-    // The sky behind everything.
+    // Far surfaces fade into the haze; the sky is behind everything.
+    const Vec3 haze = hazeColour();
     for (int i = 0; i < n; ++i) {
-        if (b.index[i] >= 0) continue;
-        const Vec3 s = skyRadiance(unit({b.dirs[0][i], b.dirs[1][i], b.dirs[2][i]}), sun_);
+        const Vec3 d{b.dirs[0][i], b.dirs[1][i], b.dirs[2][i]};
+        if (b.index[i] >= 0) {
+            const float distance = b.dist[i] * std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z);
+            const float fog = 1.0f - std::exp(-distance / fogDistance_);
+            b.colour[0][i] += (haze.x - b.colour[0][i]) * fog;
+            b.colour[1][i] += (haze.y - b.colour[1][i]) * fog;
+            b.colour[2][i] += (haze.z - b.colour[2][i]) * fog;
+            continue;
+        }
+        const Vec3 s = skyRadiance(unit(d), sun_);
         b.colour[0][i] = s.x, b.colour[1][i] = s.y, b.colour[2][i] = s.z;
     }
 }

@@ -64,6 +64,7 @@ class Tracer {
     SkyLight sky_;
     Vec3 sun_{};
     float lightDistanceSquared_ = 1.0f;  // from the light to the scene's centre
+    float fogDistance_ = 1.0f;           // distance at which 63% of a colour is haze
     EyeRays eyeRays_{};
     bool flat_ = false;
 };

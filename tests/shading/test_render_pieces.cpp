@@ -51,6 +51,9 @@ TEST(RenderOptions, DefaultsValuesAndErrors) {
     EXPECT_EQ(o.threads, 3);
     EXPECT_TRUE(o.flat);
     EXPECT_EQ(o.mesh, "m.ply");
+    EXPECT_EQ(parse({"--triangles", "5000", "-a", "2"}, o, msg), ParseResult::kRun);
+    EXPECT_EQ(o.sceneTriangles, 5000);
+    EXPECT_EQ(o.samples, 2);
     EXPECT_EQ(parse({"--help"}, o, msg), ParseResult::kHelp);
     for (std::vector<const char*> bad : {std::vector<const char*>{"-s", "160"},
                                          {"-s", "0x10"},
