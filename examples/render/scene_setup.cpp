@@ -77,8 +77,8 @@ void makeLandscape(Scene& scene, int triangles) {
             const float up = std::fabs(n[1]) / std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
             const float rock = std::clamp((0.93f - up) * 6.0f, 0.0f, 1.0f);
             const float high = std::clamp((y - 6.0f) / 5.0f, 0.0f, 1.0f);
-            const Vec3 grass{0.16f, 0.36f, 0.05f}, stone{0.40f, 0.38f, 0.34f},
-                peak{0.80f, 0.80f, 0.78f};
+            const Vec3 grass{0.16f, 0.36f, 0.05f}, stone{0.30f, 0.27f, 0.23f},
+                peak{0.66f, 0.62f, 0.54f};
             colour = {grass.x + (stone.x - grass.x) * rock, grass.y + (stone.y - grass.y) * rock,
                       grass.z + (stone.z - grass.z) * rock};
             colour = {colour.x + (peak.x - colour.x) * high, colour.y + (peak.y - colour.y) * high,
@@ -143,8 +143,9 @@ void frameOnFloor(Scene& scene, float aspect) {
     scene.reflectivity.resize(meshTriangles, 0.0f);
     for (size_t t = 0; t < meshTriangles; ++t) {
         if (scene.albedo[3 * t] + scene.albedo[3 * t + 1] + scene.albedo[3 * t + 2] > 0) continue;
-        scene.albedo[3 * t] = 0.80f, scene.albedo[3 * t + 1] = 0.55f,
-                         scene.albedo[3 * t + 2] = 0.42f;
+        scene.albedo[3 * t] = 0.70f;
+        scene.albedo[3 * t + 1] = 0.42f;
+        scene.albedo[3 * t + 2] = 0.30f;
         scene.reflectivity[t] = 0.04f;
     }
 
@@ -162,7 +163,7 @@ void frameOnFloor(Scene& scene, float aspect) {
     for (int j = 0; j < kTiles; ++j) {
         for (int i = 0; i < kTiles; ++i) {
             const int v = base + j * (kTiles + 1) + i;
-            const Vec3 colour = (i + j) % 2 ? Vec3{0.82f, 0.82f, 0.80f} : Vec3{0.22f, 0.24f, 0.28f};
+            const Vec3 colour = (i + j) % 2 ? Vec3{0.66f, 0.66f, 0.64f} : Vec3{0.26f, 0.28f, 0.32f};
             addTriangle(scene, v, v + kTiles + 1, v + 1, colour, 0.25f);
             addTriangle(scene, v + 1, v + kTiles + 1, v + kTiles + 2, colour, 0.25f);
         }
@@ -171,7 +172,7 @@ void frameOnFloor(Scene& scene, float aspect) {
     // Camera in front, a little to the right and above; light up to the left.
     const float fov = 40.0f;
     const float fit =
-        1.25f * radius / std::sin(0.5f * fov * 3.14159265f / 180.0f) / std::min(1.0f, aspect);
+        0.95f * radius / std::tan(0.5f * fov * 3.14159265f / 180.0f) / std::min(1.0f, aspect);
     const Vec3 view{0.55f, 0.42f, 1.0f};
     const float vl = std::sqrt(view.x * view.x + view.y * view.y + view.z * view.z);
     scene.camera.target = {centre.x, centre.y - 0.1f * dy, centre.z};

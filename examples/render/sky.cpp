@@ -13,14 +13,14 @@ Vec3 mix(Vec3 a, Vec3 b, float t) {
 
 }  // namespace
 
-constexpr Vec3 kZenith{0.10f, 0.26f, 0.72f};
-constexpr Vec3 kHorizon{0.70f, 0.78f, 0.88f};
+constexpr Vec3 kZenith{0.07f, 0.20f, 0.64f};
+constexpr Vec3 kHorizon{0.64f, 0.73f, 0.86f};
 constexpr Vec3 kGround{0.28f, 0.29f, 0.27f};
 
 Vec3 skyRadiance(Vec3 d, Vec3 sun) {
     // Blue overhead, pale at the horizon; below it the haze darkens slowly
     // towards the ground, continuous with the horizon.
-    Vec3 c = d.y >= 0.0f ? mix(kHorizon, kZenith, std::pow(d.y, 0.4f))
+    Vec3 c = d.y >= 0.0f ? mix(kHorizon, kZenith, std::pow(d.y, 0.33f))
                          : mix(kHorizon, kGround, std::pow(-d.y, 0.6f));
     const float cosSun = d.x * sun.x + d.y * sun.y + d.z * sun.z;
     if (cosSun > 0.0f && d.y > -0.05f) {

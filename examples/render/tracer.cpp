@@ -6,7 +6,6 @@
 #include <cfloat>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 
 #include "progress.h"
 
@@ -39,6 +38,13 @@ uint8_t toByte(float linear) {
     return uint8_t(std::lround(std::clamp(s, 0.0f, 1.0f) * 255.0f));
 }
 
+// Element i of a pack of three planes.
+void store(float* const pack[3], int i, Vec3 v) {
+    pack[0][i] = v.x;
+    pack[1][i] = v.y;
+    pack[2][i] = v.z;
+}
+
 QelStatus check(QelStatus s, const char* what, std::string& error) {
     if (s < 0) error = std::string(what) + " failed with status " + std::to_string(s);
     return s;
@@ -59,11 +65,14 @@ struct Tracer::Block {
         auto pack = [&](float* out[3]) {
             for (int c = 0; c < 3; ++c) out[c] = plane();
         };
-        pack(dirs), pack(points), pack(normals), pack(colour), pack(albedo), pack(shadowDirs);
-        pack(ambient), pack(reflDirs), pack(points2), pack(colour2);
-        dist = plane(), dist2 = plane(), cosine = plane(), cosView = plane(), sign = plane();
-        atten = plane(), weight = plane(), keep = plane();
-        uv[0] = plane(), uv[1] = plane(), uv2[0] = plane(), uv2[1] = plane();
+        for (float** p3 : {dirs, points, normals, colour, albedo, shadowDirs, ambient, reflDirs,
+                           points2, colour2}) {
+            pack(p3);
+        }
+        for (float** p1 : {&dist, &dist2, &cosine, &cosView, &sign, &atten, &weight, &keep, &uv[0],
+                           &uv[1], &uv2[0], &uv2[1]}) {
+            *p1 = plane();
+        }
         index = reinterpret_cast<int*>(plane());
         index2 = reinterpret_cast<int*>(plane());
         shadowMask = reinterpret_cast<int*>(plane());
@@ -196,7 +205,7 @@ void Tracer::shadeHits(Block& b, QelSize2D size, const float* const dirs[3], con
     for (int i = 0; i < n; ++i) {
         if (index[i] < 0 ||
             (b.normals[0][i] == 0 && b.normals[1][i] == 0 && b.normals[2][i] == 0)) {
-            b.normals[0][i] = 0, b.normals[1][i] = 1, b.normals[2][i] = 0;
+            store(b.normals, i, {0.0f, 1.0f, 0.0f});
         }
     }
     sky_.evaluate(b.normals[0], b.normals[1], b.normals[2], b.ambient, n);
@@ -249,7 +258,7 @@ void Tracer::traceBlock(Block& b, QelSize2D size, QelPos2D pos, RenderStats& cou
         if (b.weight[i] > 0.0f && b.index2[i] < 0) {
             const Vec3 s =
                 skyRadiance(unit({b.reflDirs[0][i], b.reflDirs[1][i], b.reflDirs[2][i]}), sun_);
-            b.colour2[0][i] = s.x, b.colour2[1][i] = s.y, b.colour2[2][i] = s.z;
+            store(b.colour2, i, s);
         }
     }
     const float white[3] = {1.0f, 1.0f, 1.0f};
@@ -268,7 +277,7 @@ void Tracer::traceBlock(Block& b, QelSize2D size, QelPos2D pos, RenderStats& cou
             continue;
         }
         const Vec3 s = skyRadiance(unit(d), sun_);
-        b.colour[0][i] = s.x, b.colour[1][i] = s.y, b.colour[2][i] = s.z;
+        store(b.colour, i, s);
     }
 }
 
