@@ -53,9 +53,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: %s\n", argv[0], message.c_str());
         return 1;
     }
+    const bool terminal = !options.quiet && stderrIsTerminal();
+    if (terminal) std::fputs("building the KD-tree ...", stderr);
     RenderStats stats;
     Tracer tracer(scene);
-    if (!tracer.build(message, stats)) {
+    const bool built = tracer.build(message, stats);
+    if (terminal) std::fputs("\r\033[K", stderr);
+    if (!built) {
         std::fprintf(stderr, "%s: %s\n", argv[0], message.c_str());
         return 1;
     }
@@ -64,7 +68,7 @@ int main(int argc, char** argv) {
     settings.height = options.height;
     settings.samples = options.samples;
     settings.flatNormals = options.flat;
-    settings.progressBar = !options.quiet && stderrIsTerminal();
+    settings.progressBar = terminal;
     std::vector<uint8_t> rgb;
     if (!tracer.render(settings, rgb, message, stats)) {
         std::fprintf(stderr, "%s: %s\n", argv[0], message.c_str());

@@ -33,16 +33,13 @@ void Progress::step() {
 }
 
 void Progress::draw(int done) {
-    // Redraw only when the percentage moves, and only from one thread.
+    // Redraw only when the percentage moves, one thread at a time.
     const int percent = int(long(done) * 100 / total_);
-    int seen = drawnPercent_.load();
-    while (percent > seen) {
-        if (drawnPercent_.compare_exchange_weak(seen, percent)) {
-            std::fprintf(stderr, "\r%s", line(label_, done, total_, 40).c_str());
-            std::fflush(stderr);
-            return;
-        }
-    }
+    std::lock_guard<std::mutex> lock(drawing_);
+    if (percent <= drawnPercent_) return;
+    drawnPercent_ = percent;
+    std::fprintf(stderr, "\r%s", line(label_, done, total_, 40).c_str());
+    std::fflush(stderr);
 }
 
 }  // namespace qelr_render

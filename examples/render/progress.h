@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
 #include <string>
 
 namespace qelr_render {
@@ -25,7 +26,8 @@ class Progress {
     int total_;
     bool enabled_;
     std::atomic<int> done_{0};
-    std::atomic<int> drawnPercent_{-1};
+    std::mutex drawing_;
+    int drawnPercent_ = -1;  // guarded by drawing_
 };
 
 // Whether standard error is a terminal.
