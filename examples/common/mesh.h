@@ -13,10 +13,17 @@ struct Mesh {
     int vertexCount() const { return static_cast<int>(vertices.size() / 3); }
     int triangleCount() const { return static_cast<int>(indices.size() / 4); }
     int addVertex(float x, float y, float z) {
-        vertices.insert(vertices.end(), {x, y, z});
+        vertices.push_back(x);
+        vertices.push_back(y);
+        vertices.push_back(z);
         return vertexCount() - 1;
     }
-    void addTriangle(int a, int b, int c) { indices.insert(indices.end(), {a, b, c, 0}); }
+    void addTriangle(int a, int b, int c) {
+        indices.push_back(a);
+        indices.push_back(b);
+        indices.push_back(c);
+        indices.push_back(0);
+    }
 };
 
 }  // namespace qelr_example

@@ -136,13 +136,15 @@ Mesh makeProceduralScene(int approxTriangles, uint32_t seed) {
     for (int k = 0; k < objects; ++k) {
         const float x = -42.0f + 84.0f * rng.next(), z = -42.0f + 84.0f * rng.next();
         const float size = 1.0f + 4.0f * rng.next() * rng.next();
-        const int res = std::max(3, static_cast<int>(std::sqrt(perObject / 4.0f)));
-        if (rng.next() < 0.6f) {
+        if (rng.next() < 0.6f) {  // 4 r^2 - 4 r triangles for r rings
+            const int rings =
+                std::max(3, static_cast<int>(std::lround(0.5 + 0.5 * std::sqrt(1.0 + perObject))));
             const float c[3] = {x, terrainHeight(x, z, seed) + size * 0.8f, z};
-            addSphere(m, c, size, res);
-        } else {
+            addSphere(m, c, size, rings);
+        } else {  // 4 m^2 triangles for m segments around the tube
+            const int segs = std::max(3, static_cast<int>(std::lround(std::sqrt(perObject / 4.0))));
             const float c[3] = {x, terrainHeight(x, z, seed) + size * 1.2f, z};
-            addTorus(m, c, size, size * 0.3f, res, kPi * rng.next());
+            addTorus(m, c, size, size * 0.3f, segs, kPi * rng.next());
         }
     }
     return m;

@@ -22,6 +22,7 @@
 #include <cfloat>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "accel/kdtree_sweep.h"
 #include "core/memory.h"
@@ -32,6 +33,7 @@ namespace {
 
 constexpr double kMinThreshold = 9.999999747378752e-06;
 constexpr float kMinExtent = 1e-5f;
+constexpr uint32_t kRouteIndexMask = 0x3FFFFFFFu;
 
 // A growable working array from the library's memory services.
 template <class T>
@@ -74,6 +76,52 @@ struct Task {
     int32_t evCount[3];
 };
 
+// Sorts events in eventLess order. Large lists go through a radix sort on
+// (position as an ordered integer, key), which gives the same order: -0 is
+// folded into +0 as the float comparison does, and keys are unique.
+bool sortEvents(Event* ev, int32_t n, Pool<Event>& scratch) {
+    constexpr int32_t kRadixMin = 4096;
+    constexpr int kDigitBits = 8, kPasses = 8, kBuckets = 1 << kDigitBits;
+    if (n < kRadixMin) {
+        std::sort(ev, ev + n, EventLess());
+        return true;
+    }
+    if (!scratch.reserve(n, 0)) return false;
+    auto composite = [](const Event& e) {
+        const float p = e.pos + 0.0f;  // -0 becomes +0
+        uint32_t bits;
+        std::memcpy(&bits, &p, 4);
+        bits ^= (bits >> 31) != 0 ? 0xFFFFFFFFu : 0x80000000u;
+        return static_cast<uint64_t>(bits) << 32 | e.key;
+    };
+    static_assert(kDigitBits * kPasses >= 64);
+    int32_t counts[kPasses][kBuckets] = {};
+    for (int32_t i = 0; i < n; ++i) {
+        const uint64_t c = composite(ev[i]);
+        for (int d = 0; d < kPasses; ++d) ++counts[d][(c >> (d * kDigitBits)) & (kBuckets - 1)];
+    }
+    Event* from = ev;
+    Event* to = scratch.data();
+    for (int d = 0; d < kPasses; ++d) {
+        int32_t offset = 0;
+        bool single = false;
+        for (int b = 0; b < kBuckets; ++b) {
+            const int32_t c = counts[d][b];
+            single = single || c == n;  // every element has this digit: nothing to do
+            counts[d][b] = offset;
+            offset += c;
+        }
+        if (single) continue;
+        for (int32_t i = 0; i < n; ++i) {
+            const uint64_t c = composite(from[i]);
+            to[counts[d][(c >> (d * kDigitBits)) & (kBuckets - 1)]++] = from[i];
+        }
+        std::swap(from, to);
+    }
+    if (from != ev) std::memcpy(ev, from, static_cast<size_t>(n) * sizeof(Event));
+    return true;
+}
+
 // Appends the events of reference `local` on axis a.
 inline int32_t addEvents(const TriRef& r, int a, uint32_t local, Event* out) {
     if (r.mn[a] == r.mx[a]) {
@@ -103,10 +151,9 @@ class Builder {
     TreeStream stream_;
     Pool<TriRef> refs_;
     Pool<Event> events_[3];
-    Pool<Event> fresh_[2];    // new events of cut triangles, per child
-    Pool<uint8_t> side_;      // side bits of each reference of the node
-    Pool<int32_t> remap_[2];  // index of each reference in the child below / above
-    Pool<int32_t> cut_;       // the node's references that the plane cuts
+    Pool<Event> fresh_[2];  // new events of cut triangles, per child
+    Pool<uint32_t> route_;  // where each reference of the node goes
+    Pool<int32_t> cut_;     // references that the plane cuts, with their child indices
 };
 
 QelStatus Builder::initRoot(Task& root) {
@@ -135,7 +182,7 @@ QelStatus Builder::initRoot(Task& root) {
         int32_t m = 0;
         for (int32_t i = 0; i < n; ++i)
             m += addEvents(refs[i], a, static_cast<uint32_t>(i), ev + m);
-        std::sort(ev, ev + m, EventLess());
+        if (!sortEvents(ev, m, fresh_[0])) return qelErrNoMemory;
         root.evCount[a] = m;
     }
     return qelOk;
@@ -182,21 +229,28 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     above.cell.mn[a] = plane.position;
     below.depth = above.depth = t.depth + 1;
 
-    if (!side_.reserve(n, 0) || !remap_[0].reserve(n, 0) || !remap_[1].reserve(n, 0) ||
-        !cut_.reserve(n, 0))
+    // route[i]: side bits << 30 | index in the child, for references that go
+    // to one side; the cut ones are listed with both child indices.
+    if (!route_.reserve(n, 0) || !cut_.reserve(3 * static_cast<int64_t>(n), 0))
         return qelErrNoMemory;
-    uint8_t* side = side_.data();
-    int32_t* toBelow = remap_[0].data();
-    int32_t* toAbove = remap_[1].data();
+    uint32_t* route = route_.data();
+    int32_t* cut = cut_.data();
     int32_t nBelow = 0, nAbove = 0, straddlers = 0;
     {
         const TriRef* refs = refs_.data() + t.refBegin;
         for (int32_t i = 0; i < n; ++i) {
-            const int s = sideOf(refs[i], plane);
-            side[i] = static_cast<uint8_t>(s);
-            toBelow[i] = (s & 1) ? nBelow++ : -1;
-            toAbove[i] = (s & 2) ? nAbove++ : -1;
-            if (s == 3) cut_.data()[straddlers++] = i;
+            const int sideBits = sideOf(refs[i], plane);
+            if (sideBits == 1) {
+                route[i] = 1u << 30 | static_cast<uint32_t>(nBelow++);
+            } else if (sideBits == 2) {
+                route[i] = 2u << 30 | static_cast<uint32_t>(nAbove++);
+            } else {
+                route[i] = 3u << 30;
+                cut[3 * straddlers] = i;
+                cut[3 * straddlers + 1] = nBelow++;
+                cut[3 * straddlers + 2] = nAbove++;
+                ++straddlers;
+            }
         }
     }
 
@@ -207,15 +261,21 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     TriRef* outAbove = refs_.data() + top;
     TriRef* outBelow = outAbove + nAbove;
     for (int32_t i = 0; i < n; ++i) {
-        if (side[i] & 2) outAbove[toAbove[i]] = refs[i];
-        if (side[i] & 1) outBelow[toBelow[i]] = refs[i];
+        const uint32_t r = route[i];
+        const uint32_t index = r & kRouteIndexMask;
+        if (r >> 30 == 1)
+            outBelow[index] = refs[i];
+        else if (r >> 30 == 2)
+            outAbove[index] = refs[i];
     }
     for (int32_t j = 0; j < straddlers; ++j) {
-        const int32_t i = cut_.data()[j];
+        const TriRef& r = refs[cut[3 * j]];
         double v[3][3];
-        fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, refs[i].tri, v);
-        clipToCell(v, above.cell, outAbove[toAbove[i]]);
-        clipToCell(v, below.cell, outBelow[toBelow[i]]);
+        fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, r.tri, v);
+        outBelow[cut[3 * j + 1]] = r;
+        outAbove[cut[3 * j + 2]] = r;
+        clipToChildren(v, t.cell, a, plane.position, outBelow[cut[3 * j + 1]],
+                       outAbove[cut[3 * j + 2]]);
     }
     std::memmove(refs, outAbove, static_cast<size_t>(nAbove + nBelow) * sizeof(TriRef));
     above.refBegin = t.refBegin;
@@ -236,15 +296,15 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
     const int64_t freshCap = 2 * static_cast<int64_t>(straddlers) + 1;
     if (!fresh_[0].reserve(freshCap, 0) || !fresh_[1].reserve(freshCap, 0)) return qelErrNoMemory;
     const TriRef* childRefs[2] = {refs_.data() + below.refBegin, refs_.data() + above.refBegin};
-    const int32_t* remap[2] = {remap_[0].data(), remap_[1].data()};
+    const int32_t* cut = cut_.data();
     for (int c = 0; c < 2; ++c) {
         Event* fresh = fresh_[c].data();
         for (int32_t j = 0; j < straddlers; ++j) {
-            const int32_t local = remap[c][cut_.data()[j]];
+            const int32_t local = cut[3 * j + 1 + c];
             freshCount[c] += addEvents(childRefs[c][local], b, static_cast<uint32_t>(local),
                                        fresh + freshCount[c]);
         }
-        std::sort(fresh, fresh + freshCount[c], EventLess());
+        if (freshCount[c] > 1) std::sort(fresh, fresh + freshCount[c], EventLess());
     }
 
     // Filter the node's events into the children behind the node's segment
@@ -256,26 +316,20 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
     const int64_t belowStart = top + count + freshCount[1];
     if (!events_[b].reserve(belowStart + count + freshCount[0], top)) return qelErrNoMemory;
     const Event* ev = events_[b].data() + begin;
-    const uint8_t* side = side_.data();
+    const uint32_t* route = route_.data();
     Event* outBelow = events_[b].data() + belowStart;
     Event* outAbove = events_[b].data() + top;
     const Event* fb = fresh_[0].data();
     const Event* fa = fresh_[1].data();
     const Event* fbEnd = fb + freshCount[0];
     const Event* faEnd = fa + freshCount[1];
-    const int32_t* toBelow = remap[0];
-    const int32_t* toAbove = remap[1];
     for (int32_t i = 0; i < count; ++i) {
-        const uint32_t local = ev[i].key >> 2;
-        const uint8_t s = side[local];
-        if (s == 1) {
-            const Event e = {ev[i].pos,
-                             static_cast<uint32_t>(toBelow[local]) << 2 | (ev[i].key & 3u)};
+        const uint32_t r = route[ev[i].key >> 2];
+        const Event e = {ev[i].pos, (r & kRouteIndexMask) << 2 | (ev[i].key & 3u)};
+        if (r >> 30 == 1) {
             while (fb != fbEnd && eventLess(*fb, e)) *outBelow++ = *fb++;
             *outBelow++ = e;
-        } else if (s == 2) {
-            const Event e = {ev[i].pos,
-                             static_cast<uint32_t>(toAbove[local]) << 2 | (ev[i].key & 3u)};
+        } else if (r >> 30 == 2) {
             while (fa != faEnd && eventLess(*fa, e)) *outAbove++ = *fa++;
             *outAbove++ = e;
         }  // cut triangles: their new events are merged in instead

@@ -59,6 +59,12 @@ bool fetchTriangle(const float* vertices, const int* triangleIndices, int32_t ve
 // larger than the box before the call intersected with the cell.
 void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref);
 
+// The same for the two children of `cell` split at `position` on `axis`,
+// clipping the triangle to the cell once. below and above start as copies of
+// the reference in the cell.
+void clipToChildren(const double tri[3][3], const Box3& cell, int axis, float position,
+                    TriRef& below, TriRef& above);
+
 // Rules of the cost model that the builder and the brute-force oracle share.
 // The per-node quality factor f, computed once per build.
 float qualityFactor(float quality);

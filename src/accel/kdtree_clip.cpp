@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "accel/kdtree_build.h"
 
@@ -29,7 +30,7 @@ namespace {
 
 struct Polygon {
     int count;
-    double p[9][3];  // a triangle clipped by six planes has at most nine corners
+    double p[12][3];  // nine corners at most for a triangle in a box, with room for rounding
 };
 
 // Keeps the part of `in` on the side of the plane x[axis] >= value (keepAbove)
@@ -43,11 +44,11 @@ void clipPlane(const Polygon& in, int axis, double value, bool keepAbove, Polygo
         const double* b = in.p[(i + 1) % in.count];
         const bool ina = inside(a);
         const bool inb = inside(b);
-        if (ina) {
+        if (ina && out.count < 12) {
             for (int k = 0; k < 3; ++k) out.p[out.count][k] = a[k];
             ++out.count;
         }
-        if (ina != inb && out.count < 9) {
+        if (ina != inb && out.count < 12) {
             const double t = (value - a[axis]) / (b[axis] - a[axis]);
             for (int k = 0; k < 3; ++k) out.p[out.count][k] = a[k] + t * (b[k] - a[k]);
             out.p[out.count][axis] = value;
@@ -84,29 +85,38 @@ float minf(float a, float b) { return a < b ? a : b; }
 
 }  // namespace
 
-void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref) {
-    // The box before the call, narrowed to the cell: always a valid answer.
-    Box3 prior;
-    for (int a = 0; a < 3; ++a) {
-        prior.mn[a] = maxf(ref.mn[a], cell.mn[a]);
-        prior.mx[a] = minf(ref.mx[a], cell.mx[a]);
-    }
-    Polygon poly, tmp;
-    poly.count = 3;
+namespace {
+
+// The triangle clipped to the cell; planes that it does not cross are skipped.
+void clipTriangle(const double tri[3][3], const Box3& cell, Polygon& out) {
+    Polygon spare;
+    Polygon* poly = &out;
+    Polygon* other = &spare;
+    poly->count = 3;
     for (int c = 0; c < 3; ++c)
-        for (int a = 0; a < 3; ++a) poly.p[c][a] = tri[c][a];
+        for (int a = 0; a < 3; ++a) poly->p[c][a] = tri[c][a];
     for (int a = 0; a < 3; ++a) {
-        // Planes that the triangle does not cross leave it as it is.
         const double lo = std::min({tri[0][a], tri[1][a], tri[2][a]});
         const double hi = std::max({tri[0][a], tri[1][a], tri[2][a]});
         if (lo < cell.mn[a]) {
-            clipPlane(poly, a, cell.mn[a], true, tmp);
-            poly = tmp;
+            clipPlane(*poly, a, cell.mn[a], true, *other);
+            std::swap(poly, other);
         }
         if (hi > cell.mx[a]) {
-            clipPlane(poly, a, cell.mx[a], false, tmp);
-            poly = tmp;
+            clipPlane(*poly, a, cell.mx[a], false, *other);
+            std::swap(poly, other);
         }
+    }
+    if (poly != &out) out = *poly;
+}
+
+// Narrows ref's box to the polygon's bounds, rounded outward, within the
+// cell and the box before the call.
+void narrowToPolygon(const Polygon& poly, const Box3& cell, TriRef& ref) {
+    Box3 prior;  // always a valid answer
+    for (int a = 0; a < 3; ++a) {
+        prior.mn[a] = maxf(ref.mn[a], cell.mn[a]);
+        prior.mx[a] = minf(ref.mx[a], cell.mx[a]);
     }
     Box3 box = prior;
     if (poly.count > 0) {
@@ -126,6 +136,28 @@ void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref) {
         ref.mn[a] = box.mn[a];
         ref.mx[a] = box.mx[a];
     }
+}
+
+}  // namespace
+
+void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref) {
+    Polygon poly;
+    clipTriangle(tri, cell, poly);
+    narrowToPolygon(poly, cell, ref);
+}
+
+void clipToChildren(const double tri[3][3], const Box3& cell, int axis, float position,
+                    TriRef& below, TriRef& above) {
+    Polygon inCell, part;
+    clipTriangle(tri, cell, inCell);
+    Box3 child = cell;
+    child.mx[axis] = position;
+    clipPlane(inCell, axis, position, false, part);
+    narrowToPolygon(part, child, below);
+    child = cell;
+    child.mn[axis] = position;
+    clipPlane(inCell, axis, position, true, part);
+    narrowToPolygon(part, child, above);
 }
 
 }  // namespace qelr::accel

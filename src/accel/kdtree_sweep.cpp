@@ -78,19 +78,15 @@ AxisScore scoreAxis(const AxisFrame& fr, const Event* ev, int32_t count, int32_t
     }
 
     const int32_t nonPlanar = n - planarCount;
-    int32_t startsBefore = 0, endsBefore = 0, planarBefore = 0;
+    int32_t before[3] = {0, 0, 0};  // events passed, by type
     for (int32_t i = 0; i < count;) {
         const float p = ev[i].pos;
-        int32_t starts = 0, ends = 0, planar = 0;
-        for (; i < count && ev[i].pos == p; ++i) {
-            const uint32_t type = ev[i].key & 3u;
-            starts += type == kEventStart;
-            ends += type == kEventEnd;
-            planar += type == kEventPlanar;
-        }
-        const int32_t below = startsBefore + planarBefore;
-        const int32_t above =
-            (nonPlanar - endsBefore - ends) + (planarCount - planarBefore - planar);
+        int32_t at[3] = {0, 0, 0};
+        for (; i < count && ev[i].pos == p; ++i) ++at[ev[i].key & 3u];
+        const int32_t planar = at[kEventPlanar];
+        const int32_t below = before[kEventStart] + before[kEventPlanar];
+        const int32_t above = (nonPlanar - before[kEventEnd] - at[kEventEnd]) +
+                              (planarCount - before[kEventPlanar] - planar);
         const double wBelow = (p - lo) + g;
         const double wAbove = (hi - p) + g;
         const double withBelow = (below + planar) * wBelow + above * wAbove;
@@ -99,15 +95,15 @@ AxisScore scoreAxis(const AxisFrame& fr, const Event* ev, int32_t count, int32_t
             out.position = p;
             out.planarBelow = true;
         }
-        const double withAbove = below * wBelow + (above + planar) * wAbove;
-        if (withAbove < best) {
-            best = withAbove;
-            out.position = p;
-            out.planarBelow = false;
+        if (planar > 0) {  // otherwise the same score as above
+            const double withAbove = below * wBelow + (above + planar) * wAbove;
+            if (withAbove < best) {
+                best = withAbove;
+                out.position = p;
+                out.planarBelow = false;
+            }
         }
-        startsBefore += starts;
-        endsBefore += ends;
-        planarBefore += planar;
+        for (int k = 0; k < 3; ++k) before[k] += at[k];
     }
     out.score = fr.sumAB * best;
     return out;

@@ -1,7 +1,10 @@
 // Packet paths of the intersection functions: the pack is walked in tiles of
-// 4 x 4 rays; rays of one direction octant are traced together, four (one row
-// of a tile) or sixteen (a whole tile, any-hit form) at a time, through one
-// shared traversal with an interval per lane.
+// 4 x 4 rays; rays of one direction octant are traced together through one
+// shared traversal with an interval per lane: a whole tile (sixteen rays) when
+// all its rays to trace share one octant, else by octant and row, four at a
+// time. Triangle tests use the directions as given; the traversal uses the
+// inverses of directions whose tiny components are made a small positive
+// value, and the octant is taken from those same components.
 #include <pmmintrin.h>
 
 #include <cstddef>
@@ -74,6 +77,7 @@ struct Packet {
     __m128 inv[4][N];
     float sharedOrigin[4];
     int octant;
+    int nearSide[4];  // per axis, the child that the octant enters first
 };
 
 template <int N, bool kOwnOrigins>
@@ -97,9 +101,10 @@ void loadPacket(Packet<N, kOwnOrigins>& p, const float* origin, const float* con
         p.sharedOrigin[3] = 0.0f;
     }
     p.octant = octant;
+    for (int a = 0; a < 4; ++a) p.nearSide[a] = (octant >> a) & 1;
 }
 
-// Per-lane results: best distance (0 for lanes that take no part or, in the
+// Per-lane results: best distance (-1 for lanes that take no part or, in the
 // any-hit form, are finished), barycentrics and triangle index (-1 for none).
 template <int N>
 struct Hits {
@@ -108,30 +113,47 @@ struct Hits {
     __m128i index[N];
 };
 
+// A lane takes part in the traversal while its interval is not empty:
+// tnear <= tfar. Lanes left out get tfar = -infinity.
+inline __m128 noInterval() { return _mm_set1_ps(-__builtin_inff()); }
+
+// A triangle record with every field broadcast to four lanes.
+struct Record4 {
+    __m128 nu, nv, pk, pu, pv, e0, e1, e2, e3;
+    explicit Record4(const TriangleAccel& r)
+        : nu(_mm_set1_ps(r.nu)),
+          nv(_mm_set1_ps(r.nv)),
+          pk(_mm_set1_ps(r.pk)),
+          pu(_mm_set1_ps(r.pu)),
+          pv(_mm_set1_ps(r.pv)),
+          e0(_mm_set1_ps(r.e0)),
+          e1(_mm_set1_ps(r.e1)),
+          e2(_mm_set1_ps(r.e2)),
+          e3(_mm_set1_ps(r.e3)) {}
+};
+
 // The ray-triangle test on the lanes of group g; returns the lanes with
 // 0 < t < best. The inside tests are those of the one-ray test, in its
-// order of operations; t, B and C use the refined reciprocal of den.
+// order of operations; t, B and C use the refined reciprocal of den. With a
+// shared origin, a, b and num are the same for all lanes and come precomputed.
 template <int N, bool kOwnOrigins, bool kNeedBarycentrics>
-inline __m128 testGroup(const TriangleAccel& r, uint32_t kv, uint32_t ku, uint32_t k,
+inline __m128 testGroup(const Record4& r, uint32_t kv, uint32_t ku, uint32_t k,
                         const Packet<N, kOwnOrigins>& p, int g, __m128 sharedA, __m128 sharedB,
                         __m128 sharedNum, __m128 best, __m128& t, __m128& bOut, __m128& cOut) {
-    const __m128 nu = _mm_set1_ps(r.nu), nv = _mm_set1_ps(r.nv);
     const __m128 du = p.d[ku][g], dv = p.d[kv][g];
-    const __m128 den = _mm_add_ps(_mm_add_ps(_mm_mul_ps(nu, du), _mm_mul_ps(nv, dv)), p.d[k][g]);
+    const __m128 den =
+        _mm_add_ps(_mm_add_ps(_mm_mul_ps(r.nu, du), _mm_mul_ps(r.nv, dv)), p.d[k][g]);
     __m128 a = sharedA, b = sharedB, num = sharedNum;
     if constexpr (kOwnOrigins) {
-        a = _mm_sub_ps(_mm_set1_ps(r.pu), p.o[ku][g]);
-        b = _mm_sub_ps(_mm_set1_ps(r.pv), p.o[kv][g]);
-        num = _mm_sub_ps(
-            _mm_add_ps(_mm_add_ps(_mm_set1_ps(r.pk), _mm_mul_ps(nu, a)), _mm_mul_ps(nv, b)),
-            p.o[k][g]);
+        a = _mm_sub_ps(r.pu, p.o[ku][g]);
+        b = _mm_sub_ps(r.pv, p.o[kv][g]);
+        num = _mm_sub_ps(_mm_add_ps(_mm_add_ps(r.pk, _mm_mul_ps(r.nu, a)), _mm_mul_ps(r.nv, b)),
+                         p.o[k][g]);
     }
     const __m128 q1 = _mm_sub_ps(_mm_mul_ps(du, num), _mm_mul_ps(a, den));
     const __m128 q2 = _mm_sub_ps(_mm_mul_ps(dv, num), _mm_mul_ps(b, den));
-    const __m128 bb =
-        _mm_sub_ps(_mm_mul_ps(_mm_set1_ps(r.e1), q1), _mm_mul_ps(_mm_set1_ps(r.e0), q2));
-    const __m128 cc =
-        _mm_sub_ps(_mm_mul_ps(_mm_set1_ps(r.e2), q2), _mm_mul_ps(_mm_set1_ps(r.e3), q1));
+    const __m128 bb = _mm_sub_ps(_mm_mul_ps(r.e1, q1), _mm_mul_ps(r.e0, q2));
+    const __m128 cc = _mm_sub_ps(_mm_mul_ps(r.e2, q2), _mm_mul_ps(r.e3, q1));
     const __m128 rest = _mm_sub_ps(_mm_sub_ps(den, bb), cc);
     const __m128 zero = _mm_setzero_ps();
     __m128 inside = _mm_cmpge_ps(_mm_mul_ps(rest, bb), zero);
@@ -147,11 +169,12 @@ inline __m128 testGroup(const TriangleAccel& r, uint32_t kv, uint32_t ku, uint32
     return _mm_and_ps(inside, _mm_and_ps(_mm_cmpgt_ps(t, zero), _mm_cmplt_ps(t, best)));
 }
 
-// Tests one triangle on the packet and records the accepted lanes. Returns
-// true (any-hit form) when no lane is left to trace.
+// Tests one triangle on the packet's lanes and records the accepted ones. In
+// the any-hit form an accepted lane is finished (best -1, interval emptied);
+// returns true when no lane is left.
 template <int N, bool kOwnOrigins, bool kAnyHit>
 inline bool testTriangle(const TriangleAccel& r, int32_t tri, const Packet<N, kOwnOrigins>& p,
-                         __m128* active, Hits<N>& h) {
+                         const __m128* tnear, __m128* tfar, Hits<N>& h) {
     const uint32_t axes = r.axes;
     if (axes == 0) return false;  // degenerate triangle
     const uint32_t kv = axes & 3, ku = (axes >> 2) & 3, k = (axes >> 4) & 3;
@@ -164,20 +187,22 @@ inline bool testTriangle(const TriangleAccel& r, int32_t tri, const Packet<N, kO
         num = _mm_set1_ps(snum);
     }
     const __m128i triangle = _mm_set1_epi32(tri);
+    const Record4 r4(r);
     int left = 0;
     for (int g = 0; g < N; ++g) {
-        if (N > 1 && _mm_movemask_ps(active[g]) == 0) {
-            left |= _mm_movemask_ps(_mm_cmpgt_ps(h.best[g], _mm_setzero_ps()));
+        if (N > 1 && _mm_movemask_ps(_mm_cmple_ps(tnear[g], tfar[g])) == 0) {
+            if constexpr (kAnyHit)
+                left |= _mm_movemask_ps(_mm_cmpgt_ps(h.best[g], _mm_setzero_ps()));
             continue;
         }
         __m128 t, bb, cc;
-        const __m128 accept = testGroup<N, kOwnOrigins, !kAnyHit>(r, kv, ku, k, p, g, a, b, num,
+        const __m128 accept = testGroup<N, kOwnOrigins, !kAnyHit>(r4, kv, ku, k, p, g, a, b, num,
                                                                   h.best[g], t, bb, cc);
         if (_mm_movemask_ps(accept) != 0) {
             h.index[g] = selecti(accept, triangle, h.index[g]);
             if constexpr (kAnyHit) {
-                h.best[g] = _mm_andnot_ps(accept, h.best[g]);
-                active[g] = _mm_andnot_ps(accept, active[g]);
+                h.best[g] = select(accept, _mm_set1_ps(-1.0f), h.best[g]);
+                tfar[g] = select(accept, noInterval(), tfar[g]);
             } else {
                 h.best[g] = select(accept, t, h.best[g]);
                 h.u[g] = select(accept, bb, h.u[g]);
@@ -190,70 +215,77 @@ inline bool testTriangle(const TriangleAccel& r, int32_t tri, const Packet<N, kO
     return false;
 }
 
-// Shared front-to-back traversal of a packet. tnear/tfar are the lanes'
-// intervals, active the lanes that take part; the near child is the one the
-// packet's octant enters first. A far child is pushed with the lanes that
-// reach it; after a leaf, entries are popped until one has a lane whose
-// interval starts before that lane's best distance.
+// Shared front-to-back traversal of a packet over the lanes' intervals
+// [tnear, tfar]; the near child is the one that the packet's octant enters
+// first. At an inner node with split distance ts, a lane needs the near child
+// when tnear <= min(ts, tfar) and the far child when max(tnear, ts) <= tfar.
+// When no lane needs the near child only the far child is visited; otherwise
+// the near child is, with tfar = min(ts, tfar), and the far child is pushed
+// with [max(tnear, ts), tfar] when some lane needs it. After a leaf, entries
+// are popped with their far ends limited to the lanes' best distances until
+// one has a lane with a non-empty interval.
 template <int N, bool kOwnOrigins, bool kAnyHit>
 void tracePacket(const QelTraceScene& scene, const Packet<N, kOwnOrigins>& p, __m128* tnear,
-                 __m128* tfar, __m128* active, Hits<N>& h) {
+                 __m128* tfar, Hits<N>& h) {
     struct Entry {
-        __m128 tnear[N], tfar[N], mask[N];
+        __m128 tnear[N], tfar[N];
         const KDTreeNode* node;
     };
-    Entry stack[kStackDepth];
+    Entry stack[kStackDepth + 1];  // the slot above the top is written before the push counts
     int sp = 0;
     const KDTreeNode* node = scene.root;
     const TriangleAccel* accel = scene.accel;
     for (;;) {
         while (!isLeaf(node)) {
             const int a = node->word0 & 3;
-            const __m128 split = _mm_set1_ps(floatBits(node->word1));
+            const float split = floatBits(node->word1);
             const KDTreeNode* kids = childrenOf(node);
-            const int nearSide = (p.octant >> a) & 1;
-            __m128 ts[N], wantNear[N], wantFar[N];
-            int anyNear = 0, anyFar = 0;
+            __m128 nearEnd[N], farStart[N];
+            __m128 needNear = _mm_setzero_ps(), needFar = _mm_setzero_ps();
             for (int g = 0; g < N; ++g) {
-                ts[g] = _mm_mul_ps(_mm_sub_ps(split, p.o[a][g]), p.inv[a][g]);
-                wantNear[g] = _mm_and_ps(active[g], _mm_cmple_ps(tnear[g], ts[g]));
-                wantFar[g] = _mm_and_ps(active[g], _mm_cmple_ps(ts[g], tfar[g]));
-                anyNear |= _mm_movemask_ps(wantNear[g]);
-                anyFar |= _mm_movemask_ps(wantFar[g]);
+                __m128 ts;
+                if constexpr (kOwnOrigins) {
+                    ts = _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(split), p.o[a][g]), p.inv[a][g]);
+                } else {
+                    ts = _mm_mul_ps(_mm_set1_ps(split - p.sharedOrigin[a]), p.inv[a][g]);
+                }
+                nearEnd[g] = _mm_min_ps(ts, tfar[g]);
+                farStart[g] = _mm_max_ps(tnear[g], ts);
+                needNear = _mm_or_ps(needNear, _mm_cmple_ps(tnear[g], nearEnd[g]));
+                needFar = _mm_or_ps(needFar, _mm_cmple_ps(farStart[g], tfar[g]));
             }
+            const int anyNear = _mm_movemask_ps(needNear), anyFar = _mm_movemask_ps(needFar);
+            const int nearSide = p.nearSide[a];
             if (anyNear == 0) {
                 node = kids + (nearSide ^ 1);
                 continue;
             }
-            node = kids + nearSide;
-            if (anyFar == 0) continue;
-            Entry& e = stack[sp++];
+            // The far child is pushed only when some lane needs it; the entry is
+            // written either way, which saves a branch.
+            Entry& e = stack[sp];
             e.node = kids + (nearSide ^ 1);
             for (int g = 0; g < N; ++g) {
-                e.tnear[g] = _mm_max_ps(tnear[g], ts[g]);
+                e.tnear[g] = farStart[g];
                 e.tfar[g] = tfar[g];
-                e.mask[g] = wantFar[g];
-                tfar[g] = _mm_min_ps(tfar[g], ts[g]);
-                active[g] = wantNear[g];
+                tfar[g] = nearEnd[g];
             }
+            sp += anyFar != 0;
+            node = kids + nearSide;
         }
         const bool finished = forEachTriangle(node, [&](int32_t tri) {
-            return testTriangle<N, kOwnOrigins, kAnyHit>(accel[tri], tri, p, active, h);
+            return testTriangle<N, kOwnOrigins, kAnyHit>(accel[tri], tri, p, tnear, tfar, h);
         });
         if (finished) return;
         for (;;) {
             if (sp == 0) return;
             const Entry& e = stack[--sp];
-            int any = 0;
+            __m128 open = _mm_setzero_ps();
             for (int g = 0; g < N; ++g) {
-                active[g] = _mm_and_ps(e.mask[g], _mm_cmplt_ps(e.tnear[g], h.best[g]));
-                any |= _mm_movemask_ps(active[g]);
+                tnear[g] = e.tnear[g];
+                tfar[g] = _mm_min_ps(e.tfar[g], h.best[g]);
+                open = _mm_or_ps(open, _mm_cmple_ps(tnear[g], tfar[g]));
             }
-            if (any != 0) {
-                for (int g = 0; g < N; ++g) {
-                    tnear[g] = e.tnear[g];
-                    tfar[g] = e.tfar[g];
-                }
+            if (_mm_movemask_ps(open) != 0) {
                 node = e.node;
                 break;
             }
@@ -261,38 +293,61 @@ void tracePacket(const QelTraceScene& scene, const Packet<N, kOwnOrigins>& p, __
     }
 }
 
-// One row of a tile (the lanes in `lanes`, all of octant `code`), nearest hit.
-template <bool kOwnOrigins>
-void nearestRow(const float* origin, const float* const* origins, const float* const dirs[3],
-                float* dist, float* const uv[2], int* index, const QelTraceScene& scene,
-                ptrdiff_t at, int lanes, int code) {
-    Packet<1, kOwnOrigins> p;
-    loadPacket(p, origin, origins, dirs, &at, code);
-    const __m128 maxDist = _mm_load_ps(dist + at);
-    __m128 tnear = _mm_setzero_ps(), tfar = maxDist;
+// Nearest hit of N rows of a tile traced as one packet: the lanes in
+// lanes[g] of the row at element at[g], all of octant `code`.
+template <int N, bool kOwnOrigins>
+void nearestRows(const float* origin, const float* const* origins, const float* const dirs[3],
+                 float* dist, float* const uv[2], int* index, const QelTraceScene& scene,
+                 const ptrdiff_t* at, const int* lanes, int code) {
+    Packet<N, kOwnOrigins> p;
+    loadPacket(p, origin, origins, dirs, at, code);
     const float* bounds = scene.bounds;
-    for (int a = 0; a < 3; ++a) {
-        const __m128 t1 =
-            _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(bounds[a + 3]), p.o[a][0]), p.inv[a][0]);
-        const __m128 t2 = _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(bounds[a]), p.o[a][0]), p.inv[a][0]);
-        tnear = _mm_max_ps(tnear, _mm_min_ps(t1, t2));
-        tfar = _mm_min_ps(tfar, _mm_max_ps(t1, t2));
+    __m128 tnear[N], tfar[N], maxDist[N];
+    Hits<N> h;
+    int any = 0;
+    for (int g = 0; g < N; ++g) {
+        maxDist[g] = _mm_load_ps(dist + at[g]);
+        tnear[g] = _mm_setzero_ps();
+        tfar[g] = maxDist[g];
+        for (int a = 0; a < 3; ++a) {
+            const __m128 t1 =
+                _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(bounds[a + 3]), p.o[a][g]), p.inv[a][g]);
+            const __m128 t2 =
+                _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(bounds[a]), p.o[a][g]), p.inv[a][g]);
+            tnear[g] = _mm_max_ps(tnear[g], _mm_min_ps(t1, t2));
+            tfar[g] = _mm_min_ps(tfar[g], _mm_max_ps(t1, t2));
+        }
+        const __m128 live = _mm_and_ps(laneMask(lanes[g]), _mm_cmplt_ps(tnear[g], tfar[g]));
+        any |= _mm_movemask_ps(live);
+        tfar[g] = select(live, _mm_add_ps(tfar[g], _mm_set1_ps(kFarSlack)), noInterval());
+        h.best[g] = select(live, maxDist[g], _mm_set1_ps(-1.0f));
+        h.u[g] = h.v[g] = _mm_setzero_ps();
+        h.index[g] = _mm_set1_epi32(-1);
     }
-    __m128 active = _mm_and_ps(laneMask(lanes), _mm_cmplt_ps(tnear, tfar));
-    if (_mm_movemask_ps(active) == 0) return;
-    tfar = _mm_add_ps(tfar, _mm_set1_ps(kFarSlack));
-    Hits<1> h;
-    h.best[0] = _mm_and_ps(active, maxDist);
-    h.u[0] = h.v[0] = _mm_setzero_ps();
-    h.index[0] = _mm_set1_epi32(-1);
-    tracePacket<1, kOwnOrigins, false>(scene, p, &tnear, &tfar, &active, h);
-    const __m128 hit = _mm_castsi128_ps(_mm_cmpgt_epi32(h.index[0], _mm_set1_epi32(-1)));
-    if (_mm_movemask_ps(hit) == 0) return;
-    _mm_store_ps(dist + at, select(hit, h.best[0], maxDist));
-    _mm_store_ps(uv[0] + at, select(hit, h.u[0], _mm_load_ps(uv[0] + at)));
-    _mm_store_ps(uv[1] + at, select(hit, h.v[0], _mm_load_ps(uv[1] + at)));
-    __m128i* idx = reinterpret_cast<__m128i*>(index + at);
-    _mm_store_si128(idx, selecti(hit, h.index[0], _mm_load_si128(idx)));
+    if (any == 0) return;
+    tracePacket<N, kOwnOrigins, false>(scene, p, tnear, tfar, h);
+    for (int g = 0; g < N; ++g) {
+        const __m128 hit = _mm_castsi128_ps(_mm_cmpgt_epi32(h.index[g], _mm_set1_epi32(-1)));
+        if (_mm_movemask_ps(hit) == 0) continue;
+        _mm_store_ps(dist + at[g], select(hit, h.best[g], maxDist[g]));
+        _mm_store_ps(uv[0] + at[g], select(hit, h.u[g], _mm_load_ps(uv[0] + at[g])));
+        _mm_store_ps(uv[1] + at[g], select(hit, h.v[g], _mm_load_ps(uv[1] + at[g])));
+        __m128i* idx = reinterpret_cast<__m128i*>(index + at[g]);
+        _mm_store_si128(idx, selecti(hit, h.index[g], _mm_load_si128(idx)));
+    }
+}
+
+// The octant code of the first lane of a row set, and whether every lane in
+// `lanes` shares it.
+inline bool oneOctant(const RowSigns* signs, const int* lanes, int& code) {
+    int first = 0;
+    while (lanes[first] == 0) ++first;
+    const int lane = __builtin_ctz(lanes[first]);
+    const RowSigns& s = signs[first];
+    code = ((s.x >> lane) & 1) | ((s.y >> lane) & 1) << 1 | ((s.z >> lane) & 1) << 2;
+    for (int r = 0; r < 4; ++r)
+        if ((lanesOfOctant(code, signs[r]) & lanes[r]) != lanes[r]) return false;
+    return true;
 }
 
 template <bool kOwnOrigins>
@@ -309,16 +364,28 @@ void nearestTiles(const float* origin, const float* const* origins, const float*
                 positive = _mm_or_ps(
                     positive, _mm_cmpgt_ps(_mm_load_ps(dist + base + r * width), _mm_setzero_ps()));
             if (_mm_movemask_ps(positive) == 0) continue;
+            ptrdiff_t rows[4];
             RowSigns signs[4];
-            for (int r = 0; r < 4; ++r) signs[r] = rowSigns(dirs, base + r * width);
-            int traced = 0;
-            for (int code = 0; code < 8 && traced < 16; ++code) {
+            for (int r = 0; r < 4; ++r) {
+                rows[r] = base + r * width;
+                signs[r] = rowSigns(dirs, rows[r]);
+            }
+            // A tile of one octant is traced as one sixteen-ray packet: the rows
+            // share most of their way through the tree. Otherwise, by octant
+            // and row in packets of up to four.
+            static constexpr int kAll[4] = {15, 15, 15, 15};
+            int code;
+            if (oneOctant(signs, kAll, code)) {
+                nearestRows<4, kOwnOrigins>(origin, origins, dirs, dist, uv, index, scene, rows,
+                                            kAll, code);
+                continue;
+            }
+            for (code = 0; code < 8; ++code) {
                 for (int r = 0; r < 4; ++r) {
                     const int lanes = lanesOfOctant(code, signs[r]);
-                    if (lanes == 0) continue;
-                    nearestRow<kOwnOrigins>(origin, origins, dirs, dist, uv, index, scene,
-                                            base + r * width, lanes, code);
-                    traced += __builtin_popcount(lanes);
+                    if (lanes != 0)
+                        nearestRows<1, kOwnOrigins>(origin, origins, dirs, dist, uv, index, scene,
+                                                    &rows[r], &lanes, code);
                 }
             }
         }
@@ -331,16 +398,16 @@ void anyHitRows(const float* origin, const float* const dirs[3], int* index, int
                 const QelTraceScene& scene, const ptrdiff_t* at, const int* lanes, int code) {
     Packet<N, false> p;
     loadPacket(p, origin, nullptr, dirs, at, code);
-    __m128 tnear[N], tfar[N], active[N];
+    __m128 tnear[N], tfar[N];
     Hits<N> h;
     for (int g = 0; g < N; ++g) {
-        active[g] = laneMask(lanes[g]);
+        const __m128 live = laneMask(lanes[g]);
         tnear[g] = _mm_setzero_ps();
-        tfar[g] = _mm_set1_ps(1.0001f);
-        h.best[g] = _mm_and_ps(active[g], _mm_set1_ps(1.0f));
+        tfar[g] = select(live, _mm_set1_ps(1.0001f), noInterval());
+        h.best[g] = select(live, _mm_set1_ps(1.0f), _mm_set1_ps(-1.0f));
         h.index[g] = _mm_set1_epi32(-1);
     }
-    tracePacket<N, false, true>(scene, p, tnear, tfar, active, h);
+    tracePacket<N, false, true>(scene, p, tnear, tfar, h);
     for (int g = 0; g < N; ++g) {
         const __m128i hit = _mm_cmpgt_epi32(h.index[g], _mm_set1_epi32(-1));
         if (_mm_movemask_epi8(hit) == 0) continue;
@@ -357,11 +424,13 @@ int occluderRow(const float* origin, const float* const dirs[3], int* index, int
                 const QelTraceScene& scene, ptrdiff_t at, int lanes, int32_t occluder) {
     Packet<1, false> p;
     loadPacket(p, origin, nullptr, dirs, &at, 0);
-    __m128 active = laneMask(lanes);
+    const __m128 live = laneMask(lanes);
+    const __m128 tnear = _mm_setzero_ps();
+    __m128 tfar = select(live, _mm_set1_ps(1.0001f), noInterval());
     Hits<1> h;
-    h.best[0] = _mm_and_ps(active, _mm_set1_ps(1.0f));
+    h.best[0] = select(live, _mm_set1_ps(1.0f), _mm_set1_ps(-1.0f));
     h.index[0] = _mm_set1_epi32(-1);
-    testTriangle<1, false, true>(scene.accel[occluder], occluder, p, &active, h);
+    testTriangle<1, false, true>(scene.accel[occluder], occluder, p, &tnear, &tfar, h);
     const __m128i hit = _mm_cmpgt_epi32(h.index[0], _mm_set1_epi32(-1));
     const int hitLanes = _mm_movemask_ps(_mm_castsi128_ps(hit));
     if (hitLanes == 0) return 0;
@@ -427,17 +496,30 @@ void anyHitPackets(const float origin[3], const float* const dirs[3], int* index
             }
             RowSigns signs[4];
             for (int r = 0; r < 4; ++r) signs[r] = rowSigns(dirs, rows[r]);
-            // The octant of the first ray left; a tile of one octant is one packet.
-            int first = 0;
-            while (lanes[first] == 0) ++first;
-            const int lane = __builtin_ctz(lanes[first]);
-            const int code = ((signs[first].x >> lane) & 1) | ((signs[first].y >> lane) & 1) << 1 |
-                             ((signs[first].z >> lane) & 1) << 2;
-            bool oneOctant = true;
-            for (int r = 0; r < 4; ++r)
-                oneOctant = oneOctant && (lanesOfOctant(code, signs[r]) & lanes[r]) == lanes[r];
-            if (oneOctant) {
-                anyHitRows<4>(origin, dirs, index, mask, scene, rows, lanes, code);
+            int code;
+            if (oneOctant(signs, lanes, code)) {
+                // One packet of the rows that still have rays to trace.
+                ptrdiff_t liveRows[4];
+                int liveLanes[4], n = 0;
+                for (int r = 0; r < 4; ++r) {
+                    if (lanes[r] == 0) continue;
+                    liveRows[n] = rows[r];
+                    liveLanes[n++] = lanes[r];
+                }
+                switch (n) {
+                    case 1:
+                        anyHitRows<1>(origin, dirs, index, mask, scene, liveRows, liveLanes, code);
+                        break;
+                    case 2:
+                        anyHitRows<2>(origin, dirs, index, mask, scene, liveRows, liveLanes, code);
+                        break;
+                    case 3:
+                        anyHitRows<3>(origin, dirs, index, mask, scene, liveRows, liveLanes, code);
+                        break;
+                    default:
+                        anyHitRows<4>(origin, dirs, index, mask, scene, liveRows, liveLanes, code);
+                        break;
+                }
                 continue;
             }
             for (int c = 0; c < 8; ++c) {

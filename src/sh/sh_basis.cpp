@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 
 #include "core/impl.h"
 #include "sh/sh_engine.h"
@@ -21,7 +22,9 @@ namespace {
 
 // Writes `count` coefficients of four directions, held coefficient-major in
 // soa (4 floats per coefficient), to dst, dst + stride, dst + 2 stride and
-// dst + 3 stride.
+// dst + 3 stride. With Stream, the stores are non-temporal and dst and
+// stride must keep every group of four coefficients 16-byte aligned.
+template <bool Stream = false>
 void transposeOut(const float* soa, int count, float* dst, ptrdiff_t stride) {
     int k = 0;
     for (; k + 4 <= count; k += 4) {
@@ -30,14 +33,29 @@ void transposeOut(const float* soa, int count, float* dst, ptrdiff_t stride) {
         __m128 r2 = _mm_load_ps(soa + 4 * k + 8);
         __m128 r3 = _mm_load_ps(soa + 4 * k + 12);
         _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-        _mm_storeu_ps(dst + k, r0);
-        _mm_storeu_ps(dst + stride + k, r1);
-        _mm_storeu_ps(dst + 2 * stride + k, r2);
-        _mm_storeu_ps(dst + 3 * stride + k, r3);
+        if constexpr (Stream) {
+            _mm_stream_ps(dst + k, r0);
+            _mm_stream_ps(dst + stride + k, r1);
+            _mm_stream_ps(dst + 2 * stride + k, r2);
+            _mm_stream_ps(dst + 3 * stride + k, r3);
+        } else {
+            _mm_storeu_ps(dst + k, r0);
+            _mm_storeu_ps(dst + stride + k, r1);
+            _mm_storeu_ps(dst + 2 * stride + k, r2);
+            _mm_storeu_ps(dst + 3 * stride + k, r3);
+        }
     }
     for (; k < count; ++k) {
         for (int j = 0; j < 4; ++j) dst[j * stride + k] = soa[4 * k + j];
     }
+}
+
+// Copies len floats with non-temporal stores for the 16-byte aligned part.
+void streamCopy(const float* src, float* dst, int len) {
+    int k = 0;
+    for (; k < len && (reinterpret_cast<uintptr_t>(dst + k) & 15) != 0; ++k) dst[k] = src[k];
+    for (; k + 4 <= len; k += 4) _mm_stream_ps(dst + k, _mm_loadu_ps(src + k));
+    for (; k < len; ++k) dst[k] = src[k];
 }
 
 // Runs kernel(x, y, z, out) over n > 0 directions whose outputs are `count`
@@ -47,12 +65,23 @@ template <class Kernel>
 void forEachDirection(const float* pX, const float* pY, const float* pZ, int n, float* dst,
                       int count, Kernel kernel) {
     alignas(16) float soa[4 * kMaxCoeffs];
+    alignas(16) float aos[4 * kMaxCoeffs];
+    const bool streaming = size_t(n) * size_t(count) * sizeof(float) >= kStreamingBytes;
     int i = 0;
     for (; i + 4 <= n; i += 4) {
         kernel(Float4(_mm_loadu_ps(pX + i)), Float4(_mm_loadu_ps(pY + i)),
                Float4(_mm_loadu_ps(pZ + i)), soa);
-        transposeOut(soa, count, dst + static_cast<ptrdiff_t>(i) * count, count);
+        float* out = dst + static_cast<ptrdiff_t>(i) * count;
+        if (streaming && count % 4 == 0 && (reinterpret_cast<uintptr_t>(out) & 15) == 0) {
+            transposeOut<true>(soa, count, out, count);
+        } else if (streaming) {
+            transposeOut(soa, count, aos, count);
+            streamCopy(aos, out, 4 * count);
+        } else {
+            transposeOut(soa, count, out, count);
+        }
     }
+    if (streaming) _mm_sfence();
     for (; i < n; ++i) kernel(pX[i], pY[i], pZ[i], dst + static_cast<ptrdiff_t>(i) * count);
 }
 
@@ -69,8 +98,20 @@ void runRecurrence(const float* pX, const float* pY, const float* pZ, int n, flo
     const int count = static_cast<int>((order + 1) * (order + 1));
     const float* a = tableA(engine);
     const float* b = tableB(engine);
-    forEachDirection(pX, pY, pZ, n, dst, count, [order, a, b](auto x, auto y, auto z, float* out) {
-        evalRecurrence(x, y, z, order, a, b, out);
+    // The tables of the bands in use with every entry broadcast to four lanes.
+    const uint32_t entries = (order + 1) * (order + 2) / 2;
+    alignas(16) float a4[4 * kMaxTableEntries];
+    alignas(16) float b4[4 * kMaxTableEntries];
+    for (uint32_t k = 0; k < entries; ++k) {
+        _mm_store_ps(a4 + 4 * k, _mm_set1_ps(a[k]));
+        _mm_store_ps(b4 + 4 * k, _mm_set1_ps(b[k]));
+    }
+    forEachDirection(pX, pY, pZ, n, dst, count, [&](auto x, auto y, auto z, float* out) {
+        if constexpr (kLanes<decltype(x)> == 4) {
+            evalRecurrence(x, y, z, order, a4, b4, out);
+        } else {
+            evalRecurrence(x, y, z, order, a, b, out);
+        }
     });
 }
 
@@ -117,6 +158,9 @@ QelStatus qelrSH_32f(const float* pX, const float* pY, const float* pZ, int n, f
     // an order that is negative when read as signed).
     if (order > sh::kMaxOrder) return qelErrBadArgument;
     if (n < 0) return qelOk;
+    // A state whose 32-bit block size wrapped around may lack the bands.
+    if (algorithm == qelSHRecurrence && !sh::recurrenceTablesCover(engine, order))
+        return qelErrBadArgument;
     if (algorithm == qelSHDirect) {
         sh::runDirect(pX, pY, pZ, n, dst, order);
     } else {

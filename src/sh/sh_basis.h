@@ -8,6 +8,7 @@
 // bands l-1 and l-2 with the state's tables, entirely in single precision.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -17,6 +18,9 @@
 
 namespace qelr::sh {
 
+// Fills the terms of the closed forms for bands up to `order`. The sectoral
+// factors follow (x + iy)^m = (x + iy)^(m-1) (x + iy) in double precision;
+// only the copies kept for the closed forms are rounded.
 template <class V>
 QELR_SH_INLINE void makeTerms(const V& x, const V& y, const V& z, uint32_t order,
                               DirectTerms<V>& t) {
@@ -35,6 +39,9 @@ QELR_SH_INLINE void makeTerms(const V& x, const V& y, const V& z, uint32_t order
     }
 }
 
+// Bands 0..3 with their classic constants; band b writes band[0 .. 2b], the
+// function with m at position b + m. Each polynomial in z that multiplies a
+// sectoral factor is named p followed by |m|.
 template <class V>
 QELR_SH_INLINE void directBand0(const DirectTerms<V>&, float* band) {
     storeRounded(band, V(0.282094806432724));
@@ -51,25 +58,25 @@ QELR_SH_INLINE void directBand1(const DirectTerms<V>& t, float* band) {
 template <class V>
 QELR_SH_INLINE void directBand2(const DirectTerms<V>& t, float* band) {
     constexpr int s = kLanes<V>;
-    const V zm = V(-1.092548430592079) * t.z;
+    const V p1 = V(-1.092548430592079) * t.z;
     storeRounded(band + 0 * s, V(0.5462742152960395) * t.s[2]);  // 1.0925... x y
-    storeRounded(band + 1 * s, zm * t.s[1]);
+    storeRounded(band + 1 * s, p1 * t.s[1]);
     storeRounded(band + 2 * s, V(0.31539156525252) * (V(3.0) * t.z2 - V(1.0)));
-    storeRounded(band + 3 * s, zm * t.c[1]);
+    storeRounded(band + 3 * s, p1 * t.c[1]);
     storeRounded(band + 4 * s, V(0.5462742152960395) * t.c[2]);
 }
 
 template <class V>
 QELR_SH_INLINE void directBand3(const DirectTerms<V>& t, float* band) {
     constexpr int s = kLanes<V>;
-    const V z2x5m1 = V(-0.4570457994644657) * (V(5.0) * t.z2 - V(1.0));
-    const V z2 = V(1.445305721320277) * t.z;  // 2.8906... x y z = 1.4453... z Im (x+iy)^2
+    const V p1 = V(-0.4570457994644657) * (V(5.0) * t.z2 - V(1.0));
+    const V p2 = V(1.445305721320277) * t.z;  // 2.8906... x y z = 1.4453... z Im (x+iy)^2
     storeRounded(band + 0 * s, V(-0.5900435899266435) * t.s[3]);
-    storeRounded(band + 1 * s, z2 * t.s[2]);
-    storeRounded(band + 2 * s, z2x5m1 * t.s[1]);
+    storeRounded(band + 1 * s, p2 * t.s[2]);
+    storeRounded(band + 2 * s, p1 * t.s[1]);
     storeRounded(band + 3 * s, V(0.3731763325901154) * t.z * (V(5.0) * t.z2 - V(3.0)));
-    storeRounded(band + 4 * s, z2x5m1 * t.c[1]);
-    storeRounded(band + 5 * s, z2 * t.c[2]);
+    storeRounded(band + 4 * s, p1 * t.c[1]);
+    storeRounded(band + 5 * s, p2 * t.c[2]);
     storeRounded(band + 6 * s, V(-0.5900435899266435) * t.c[3]);
 }
 
@@ -108,35 +115,39 @@ void evalDirect(const V& x, const V& y, const V& z, uint32_t order, float* out) 
     (std::make_integer_sequence<int, 16>{});
 }
 
-// Bands 0..order by the three-term recurrence with tables A and B.
+// Bands 0..order by the three-term recurrence with tables A and B. Table
+// entry i is at a[i * kLanes<V>] (the four-lane kernel takes the tables with
+// every entry broadcast to four floats).
 template <class V>
 void evalRecurrence(const V& x, const V& y, const V& z, uint32_t order, const float* a,
                     const float* b, float* out) {
     constexpr int s = kLanes<V>;
-    storeLanes(out, V(a[0]));
+    storeLanes(out, loadLanes<V>(a));
     if (order < 1) return;
-    storeLanes(out + 1 * s, V(a[2]) * y);
-    storeLanes(out + 2 * s, V(a[1]) * z);
-    storeLanes(out + 3 * s, V(a[2]) * x);
+    const V a1 = loadLanes<V>(a + 1 * s);
+    const V a2 = loadLanes<V>(a + 2 * s);
+    storeLanes(out + 1 * s, a2 * y);
+    storeLanes(out + 2 * s, a1 * z);
+    storeLanes(out + 3 * s, a2 * x);
     for (uint32_t l = 2; l <= order; ++l) {
-        const float* al = a + l * (l + 1) / 2;
-        const float* bl = b + l * (l + 1) / 2;
+        const float* al = a + l * (l + 1) / 2 * s;
+        const float* bl = b + l * (l + 1) / 2 * s;
         const float* p = out + (l - 1) * (l - 1) * s;  // band l-1
         const float* q = out + (l - 2) * (l - 2) * s;  // band l-2
         float* c = out + l * l * s;
         const V pNeg = loadLanes<V>(p);
         const V pPos = loadLanes<V>(p + (2 * l - 2) * s);
-        const V sect = V(al[l]);
+        const V sect = loadLanes<V>(al + l * s);
         storeLanes(c + 2 * l * s, (pPos * x - pNeg * y) * sect);
         storeLanes(c, (pPos * y + pNeg * x) * sect);
-        const V az1 = V(al[l - 1]) * z;
+        const V az1 = loadLanes<V>(al + (l - 1) * s) * z;
         storeLanes(c + (2 * l - 1) * s, az1 * pPos);
         storeLanes(c + s, az1 * pNeg);
-        storeLanes(c + l * s, V(al[0]) * z * loadLanes<V>(p + (l - 1) * s) +
-                                  V(bl[0]) * loadLanes<V>(q + (l - 2) * s));
+        storeLanes(c + l * s, loadLanes<V>(al) * z * loadLanes<V>(p + (l - 1) * s) +
+                                  loadLanes<V>(bl) * loadLanes<V>(q + (l - 2) * s));
         for (uint32_t m = 1; m + 2 <= l; ++m) {
-            const V az = V(al[m]) * z;
-            const V bm = V(bl[m]);
+            const V az = loadLanes<V>(al + m * s) * z;
+            const V bm = loadLanes<V>(bl + m * s);
             storeLanes(c + (l + m) * s, az * loadLanes<V>(p + (l - 1 + m) * s) +
                                             bm * loadLanes<V>(q + (l - 2 + m) * s));
             storeLanes(c + (l - m) * s, az * loadLanes<V>(p + (l - 1 - m) * s) +
@@ -144,6 +155,11 @@ void evalRecurrence(const V& x, const V& y, const V& z, uint32_t order, const fl
         }
     }
 }
+
+// Outputs of at least this many bytes are written with non-temporal stores,
+// as memset does for large blocks: they would not stay in the caches anyway,
+// and streaming spares the read of every line before it is written.
+inline constexpr size_t kStreamingBytes = size_t{8} << 20;
 
 // The full basis of one direction for an order the state accepts (checked by
 // the caller: selector 0 or 1, order at most 15 and at most the state's).

@@ -25,16 +25,6 @@ constexpr uint32_t kBand1Bits = 0x3EFA2A1Du;
 
 uint64_t alignUp(uint64_t v) { return (v + kTableAlign - 1) & ~(kTableAlign - 1); }
 
-// Entries of both tables for the given order, in 32-bit arithmetic.
-uint32_t tableEntries(uint32_t order) { return (order + 1) * (order + 2) / 2; }
-
-// Block size for the recurrence selector. The expression adds 30, not 31,
-// before clearing the low five bits; the result still covers the header and
-// both aligned tables.
-uint32_t recurrenceBlockBytes(uint32_t order) {
-    return ((8 * tableEntries(order) + 30) & ~31u) + 32;
-}
-
 // Fills band l >= 2 of both tables. The integer products are formed in 32-bit
 // unsigned arithmetic (exact for every band the evaluation can use);
 // A(l,0), A(l,l) and B(l,0) are computed in double precision, the inner
@@ -69,7 +59,7 @@ QelStatus qelrSHGetSize_32f(uint32_t order, uint32_t algorithm, uint32_t* outSiz
         return qelOk;
     }
     if (algorithm != qelSHRecurrence) return qelErrBadArgument;
-    *outSize = recurrenceBlockBytes(order);
+    *outSize = sh::recurrenceBlockBytes(order);
     return qelOk;
 }
 
@@ -85,8 +75,8 @@ QelStatus qelrSHInit_32f(QelSHEngine* engine, uint32_t order, uint32_t algorithm
     }
     if (algorithm != qelSHRecurrence) return qelErrBadArgument;
 
-    const uint64_t size = recurrenceBlockBytes(order);
-    const uint32_t entries = tableEntries(order);
+    const uint64_t size = sh::recurrenceBlockBytes(order);
+    const uint32_t entries = sh::tableEntries(order);
     const uint64_t offsetA = alignUp(sizeof(EngineHeader));
     const uint64_t offsetB = alignUp(offsetA + 4 * uint64_t{entries});
     std::memset(bytes, 0, size);
@@ -94,8 +84,8 @@ QelStatus qelrSHInit_32f(QelSHEngine* engine, uint32_t order, uint32_t algorithm
     std::memcpy(bytes, &header, sizeof header);
 
     // Both tables must lie inside the reported block. That holds for every
-    // order whose 32-bit size does not wrap around; for the absurd orders
-    // where it does, only the bands that fit are filled.
+    // order whose 32-bit size does not wrap around; for the orders where it
+    // does, only the bands that fit are filled (see recurrenceTablesCover).
     const auto fits = [&](uint64_t count) { return offsetB + 4 * count <= size; };
     float* a = reinterpret_cast<float*>(bytes + offsetA);
     float* b = reinterpret_cast<float*>(bytes + offsetB);

@@ -29,18 +29,30 @@ bool admitSamples(int n, uint32_t order, const QelSHEngine* engine, QelStatus* s
     }
     *status = qelOk;
     if (n < 0) return false;
-    // The per-sample evaluation refuses orders above 15 and unknown
-    // selectors and would leave the basis scratch unwritten; such calls are
-    // refused before any sample is touched.
+    // The per-sample evaluation refuses orders above 15, unknown selectors
+    // and states without the tables of the order, and would leave the basis
+    // scratch unwritten; such calls are refused before any sample is touched.
     const uint32_t algorithm = sh::engineAlgorithm(engine);
-    if (order > sh::kMaxOrder || (algorithm != qelSHDirect && algorithm != qelSHRecurrence)) {
+    if (order > sh::kMaxOrder || (algorithm != qelSHDirect && algorithm != qelSHRecurrence) ||
+        (algorithm == qelSHRecurrence && !sh::recurrenceTablesCover(engine, order))) {
         *status = qelErrBadArgument;
         return false;
     }
     return true;
 }
 
-int coeffCount(uint32_t order) { return static_cast<int>((order + 1) * (order + 1)); }
+// Evaluates the basis of every sample, in ascending order, into a vector on
+// the stack and hands it to use(i, basis, count).
+template <class Use>
+void forEachSample(const float* pX, const float* pY, const float* pZ, int n, uint32_t order,
+                   const QelSHEngine* engine, Use use) {
+    const int count = static_cast<int>((order + 1) * (order + 1));
+    alignas(16) float basis[sh::kMaxCoeffs];
+    for (int i = 0; i < n; ++i) {
+        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+        use(i, basis, count);
+    }
+}
 
 }  // namespace
 
@@ -51,13 +63,10 @@ QelStatus qelrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, 
         return qelErrNullPointer;
     QelStatus status;
     if (!admitSamples(n, order, engine, &status)) return status;
-    const int count = coeffCount(order);
-    alignas(16) float basis[sh::kMaxCoeffs];
-    for (int i = 0; i < n; ++i) {
-        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+    forEachSample(pX, pY, pZ, n, order, engine, [&](int i, float* basis, int count) {
         sh::scaleInPlace(basis, count, src[i]);
         sh::addInPlace(basis, coeffs, count);
-    }
+    });
     return qelOk;
 }
 
@@ -69,16 +78,13 @@ template <class Sample>
 void forwardThreeChannels(const float* pX, const float* pY, const float* pZ, int n,
                           float* const coeffs[3], uint32_t order, const QelSHEngine* engine,
                           Sample sample) {
-    const int count = coeffCount(order);
-    alignas(16) float basis[sh::kMaxCoeffs];
     alignas(16) float scaled[sh::kMaxCoeffs];
-    for (int i = 0; i < n; ++i) {
-        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+    forEachSample(pX, pY, pZ, n, order, engine, [&](int i, const float* basis, int count) {
         for (int c = 0; c < 3; ++c) {
             sh::scaleCopy(basis, scaled, count, sample(c, i));
             sh::addInPlace(scaled, coeffs[c], count);
         }
-    }
+    });
 }
 
 // Inverse transform of three channels; the value of channel c of sample i
@@ -87,12 +93,9 @@ template <class Target>
 void inverseThreeChannels(const float* const coeffs[3], uint32_t order, const float* pX,
                           const float* pY, const float* pZ, int n, const QelSHEngine* engine,
                           Target target) {
-    const int count = coeffCount(order);
-    alignas(16) float basis[sh::kMaxCoeffs];
-    for (int i = 0; i < n; ++i) {
-        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+    forEachSample(pX, pY, pZ, n, order, engine, [&](int i, const float* basis, int count) {
         for (int c = 0; c < 3; ++c) sh::dotProduct(basis, coeffs[c], count, target(c, i));
-    }
+    });
 }
 
 }  // namespace
@@ -131,12 +134,9 @@ QelStatus qelrSHTInv_32f_C1(const float* coeffs, uint32_t order, const float* pX
         return qelErrNullPointer;
     QelStatus status;
     if (!admitSamples(n, order, engine, &status)) return status;
-    const int count = coeffCount(order);
-    alignas(16) float basis[sh::kMaxCoeffs];
-    for (int i = 0; i < n; ++i) {
-        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
+    forEachSample(pX, pY, pZ, n, order, engine, [&](int i, const float* basis, int count) {
         sh::dotProduct(basis, coeffs, count, dst + i);
-    }
+    });
     return qelOk;
 }
 

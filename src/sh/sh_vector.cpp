@@ -17,6 +17,15 @@ QelStatus checkArrays(const void* a, const void* b, int len) {
     return qelOk;
 }
 
+// y[k] = x[k] * v, four elements at a time (each the same product as one at a
+// time); x and y may be the same array.
+void multiply(const float* x, float* y, int len, float v) {
+    const __m128 scale = _mm_set1_ps(v);
+    int k = 0;
+    for (; k + 4 <= len; k += 4) _mm_storeu_ps(y + k, _mm_mul_ps(_mm_loadu_ps(x + k), scale));
+    for (; k < len; ++k) y[k] = x[k] * v;
+}
+
 }  // namespace
 
 QelStatus zeroFill(float* x, int len) {
@@ -29,7 +38,7 @@ QelStatus scaleInPlace(float* x, int len, float v) {
     if (QelStatus st = checkArrays(x, x, len); st != qelOk) return st;
     if (v == 1.0f) return qelOk;
     if (v == 0.0f) return zeroFill(x, len);
-    for (int k = 0; k < len; ++k) x[k] *= v;
+    multiply(x, x, len, v);
     return qelOk;
 }
 
@@ -40,13 +49,16 @@ QelStatus scaleCopy(const float* x, float* y, int len, float v) {
         return qelOk;
     }
     if (v == 0.0f) return zeroFill(y, len);
-    for (int k = 0; k < len; ++k) y[k] = x[k] * v;
+    multiply(x, y, len, v);
     return qelOk;
 }
 
 QelStatus addInPlace(const float* x, float* y, int len) {
     if (QelStatus st = checkArrays(x, y, len); st != qelOk) return st;
-    for (int k = 0; k < len; ++k) y[k] += x[k];
+    int k = 0;
+    for (; k + 4 <= len; k += 4)
+        _mm_storeu_ps(y + k, _mm_add_ps(_mm_loadu_ps(y + k), _mm_loadu_ps(x + k)));
+    for (; k < len; ++k) y[k] += x[k];
     return qelOk;
 }
 

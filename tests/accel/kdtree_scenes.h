@@ -31,8 +31,9 @@ struct Scene {
 
 // Random triangles of mixed sizes in [0, 10]^3 with coordinates on a coarse
 // grid (so events share positions), a share of triangles flat on an axis,
-// a few degenerate ones and a few duplicates.
-inline Scene randomScene(int n, uint32_t seed) {
+// a few degenerate ones and a few duplicates; then moved by `shift` on every
+// axis.
+inline Scene randomScene(int n, uint32_t seed, float shift = 0.0f) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(0.0f, 1.0f);
     auto grid = [&](float x) { return std::round(x * 8.0f) / 8.0f; };
@@ -51,6 +52,8 @@ inline Scene randomScene(int n, uint32_t seed) {
         } else if (r < 0.23f) {  // collinear
             for (int a = 0; a < 3; ++a) p[2][a] = p[0][a];
         }
+        for (auto& q : p)
+            for (float& x : q) x += shift;
         s.add(p[0], p[1], p[2]);
         if (u(rng) < 0.02f) s.add(p[0], p[1], p[2]);
     }
@@ -113,6 +116,12 @@ inline Built buildTree(const Scene& s, const KDTreeBuildParams& p, bool validate
         b.info.error =
             qelr_test::checkCompleteness(tree, b.info, s.v.data(), s.idx.data(), s.triangleCount(),
                                          4, [&](int t) { return validTriangle(s, t); });
+    // Sampling above; the exact test of every leaf against every triangle on
+    // the smaller scenes.
+    if (b.info.error.empty() && s.triangleCount() <= 1000)
+        b.info.error =
+            qelr_test::checkLeafOverlaps(b.info, s.v.data(), s.idx.data(), s.triangleCount(), 1e-4,
+                                         [&](int t) { return validTriangle(s, t); });
     qelrKDTreeFree(tree);
     return b;
 }

@@ -134,8 +134,7 @@ QelStatus bruteForceTree(const Scene& s, uint32_t depthLimit, float quality, KDT
                         TriRef x = r;
                         if (toBelow && toAbove) {
                             TriRef y = r;
-                            clipToCell(v, below, x);
-                            clipToCell(v, above, y);
+                            clipToChildren(v, c, axis, p, x, y);
                             ra.push_back(y);
                         } else if (toAbove) {
                             ra.push_back(x);
@@ -177,18 +176,25 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
         uint32_t seed;
         float quality;
         uint32_t depth;
+        float shift = 0.0f;
     };
     // 75 and 76 triangles: the root is scored on the calling thread, then by
     // one thread per axis.
-    for (const Case c : {Case{75, 11, 1.0f, 50}, Case{76, 11, 1.0f, 50}, Case{12, 1, 1.0f, 50},
-                         Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
-                         Case{600, 5, 1.0f, 50}, Case{300, 6, 0.0f, 50}}) {
-        const Scene s = kdtest::randomScene(c.n, c.seed);
+    for (const Case c :
+         {Case{75, 11, 1.0f, 50}, Case{76, 11, 1.0f, 50}, Case{12, 1, 1.0f, 50},
+          Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
+          Case{600, 5, 1.0f, 50}, Case{300, 6, 0.0f, 50},
+          Case{2600, 12, 1.0f, 50, -5.0f}}) {  // 4096+ events at the root: the radix sort
+        const Scene s = kdtest::randomScene(c.n, c.seed, c.shift);
         KDTreeNode* tree = nullptr;
         int size = 0;
         ASSERT_EQ(bruteForceTree(s, c.depth, c.quality, &tree, &size), qelOk);
         const std::vector<uint8_t> expect(reinterpret_cast<uint8_t*>(tree),
                                           reinterpret_cast<uint8_t*>(tree) + size);
+        const auto info = qelr_test::checkKdTree(tree, size, s.triangleCount(),
+                                                 static_cast<int>(c.depth), kdtest::sceneCell(s));
+        EXPECT_EQ(info.error, "");
+        EXPECT_EQ(qelr_test::checkPackedLayout(tree, size, info), "");
         qelr::impl::qelrKDTreeFree(tree);
         EXPECT_GT(size, 16);
         EXPECT_EQ(libraryTree(s, c.depth, c.quality), expect) << c.n << " " << c.seed;

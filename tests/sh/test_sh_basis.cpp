@@ -2,10 +2,12 @@
 // of the two selectors, checkpoints, orthonormality, paths and statuses.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
+#include "sh/sh_basis.h"
 #include "sh_reference.h"
 #include "test_util.h"
 
@@ -177,6 +179,37 @@ TEST(SHBasis, PathsAgreeBitwise) {
                                       4 * (2 * order + 1)),
                           0)
                     << "band " << order << " direction " << i;
+        }
+    }
+}
+
+// Large outputs are streamed; they hold the same bits as small calls, for
+// aligned and unaligned destinations and odd coefficient counts.
+TEST(SHBasis, StreamedOutputsAgreeBitwise) {
+    const Directions d = sh_test::randomDirections(9400, 17);
+    for (uint32_t algorithm : kSelectors) {
+        for (uint32_t order : {15u, 14u}) {
+            Engine e(order, algorithm);
+            const int count = (order + 1) * (order + 1);
+            const int n = static_cast<int>(qelr::sh::kStreamingBytes / (4 * count)) + 5;
+            ASSERT_LE(n, d.count());
+            std::vector<float> big(static_cast<size_t>(n) * count + 4), small(big.size());
+            for (int shift : {0, 1}) {
+                ASSERT_EQ(qelrSH_32f(d.x.data(), d.y.data(), d.z.data(), n, big.data() + shift,
+                                     order, e.get()),
+                          qelOk);
+                for (int i = 0; i < n; i += 6) {
+                    const int chunk = std::min(6, n - i);
+                    ASSERT_EQ(qelrSH_32f(&d.x[i], &d.y[i], &d.z[i], chunk,
+                                         small.data() + shift + static_cast<size_t>(i) * count,
+                                         order, e.get()),
+                              qelOk);
+                }
+                ASSERT_EQ(std::memcmp(big.data() + shift, small.data() + shift,
+                                      4 * static_cast<size_t>(n) * count),
+                          0)
+                    << "selector " << algorithm << " order " << order << " shift " << shift;
+            }
         }
     }
 }

@@ -117,6 +117,26 @@ TEST(SHState, TablesMatchTheirDefinitions) {
     }
 }
 
+// For state orders of 32767 and more the 32-bit size wraps around: the
+// initialisation stays inside the reported block, and an evaluation needing
+// bands that did not fit is refused instead of reading past the block.
+TEST(SHState, WrappedSizesStayInsideTheBlock) {
+    const float x = 0.6f, y = 0.0f, z = 0.8f;
+    float out[256], expect[256];
+    Engine tiny(0xFFFFFFFFu, qelSHRecurrence);
+    ASSERT_EQ(tiny.status(), qelOk);
+    EXPECT_EQ(tiny.size(), 32u);
+    EXPECT_EQ(qelrSH_32f(&x, &y, &z, 1, out, 0, tiny.get()), qelErrBadArgument);
+    EXPECT_EQ(qelrSH_32f(&x, &y, &z, -1, out, 0, tiny.get()), qelOk);
+    EXPECT_EQ(qelrSHTInv_32f_C1(out, 0, &x, &y, &z, out, 1, tiny.get()), qelErrBadArgument);
+
+    Engine wrapped(65535, qelSHRecurrence);  // 32768 entries in 32 bits
+    Engine normal(15, qelSHRecurrence);
+    ASSERT_EQ(qelrSH_32f(&x, &y, &z, 1, out, 15, wrapped.get()), qelOk);
+    ASSERT_EQ(qelrSH_32f(&x, &y, &z, 1, expect, 15, normal.get()), qelOk);
+    EXPECT_EQ(std::memcmp(out, expect, sizeof out), 0);
+}
+
 TEST(SHState, ReinitialisingOverwritesEverything) {
     Engine big(30, qelSHRecurrence);
     std::vector<unsigned char> fresh(big.size());

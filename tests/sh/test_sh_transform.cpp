@@ -230,6 +230,11 @@ TEST(SHTransform, StatusesInTheirOrder) {
     EXPECT_EQ(qelrSHTFwd_32f_C1I(p, p, p, p, 1, w, 16, deep.get()), qelErrBadArgument);
     EXPECT_EQ(qelrSHTInv_32f_P3C3(cplanes, 16, p, p, p, w, 1, deep.get()), qelErrBadArgument);
     EXPECT_EQ(qelrSHTInv_32f_C1(w, 17, p, p, p, w, -1, deep.get()), qelOk);
+    // So is a state with an unknown selector.
+    alignas(16) uint32_t unknown[4] = {3, 2, 0, 0};
+    const auto* bad = reinterpret_cast<const QelSHEngine*>(unknown);
+    EXPECT_EQ(qelrSHTInv_32f_C1(w, 1, p, p, p, w, 1, bad), qelErrBadArgument);
+    EXPECT_EQ(qelrSHTFwd_32f_P3I(p, p, p, cplanes, 1, planes, 1, bad), qelErrBadArgument);
     for (float v : w) EXPECT_EQ(v, 5.0f);
 }
 

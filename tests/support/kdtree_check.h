@@ -11,6 +11,7 @@
 #include <qelr.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -225,6 +226,62 @@ inline std::string checkCompleteness(const KDTreeNode* tree, const KdTreeInfo& i
                 if (!listed)
                     return "triangle " + std::to_string(t) + " is missing at a point of it";
             }
+    }
+    return "";
+}
+
+// Whether triangle (a, b, c) has a part inside the cell shrunk by `margin` on
+// every side (polygon clipping in double).
+inline bool triangleOverlapsCell(const float* a, const float* b, const float* c, const KdCell& cell,
+                                 double margin) {
+    std::vector<std::array<double, 3>> poly = {
+        {a[0], a[1], a[2]}, {b[0], b[1], b[2]}, {c[0], c[1], c[2]}};
+    for (int axis = 0; axis < 3; ++axis)
+        for (int upper = 0; upper < 2; ++upper) {
+            const double limit = upper ? cell.mx[axis] - margin : cell.mn[axis] + margin;
+            auto inside = [&](const std::array<double, 3>& p) {
+                return upper ? p[axis] <= limit : p[axis] >= limit;
+            };
+            std::vector<std::array<double, 3>> out;
+            for (size_t i = 0; i < poly.size(); ++i) {
+                const auto& p = poly[i];
+                const auto& q = poly[(i + 1) % poly.size()];
+                if (inside(p)) out.push_back(p);
+                if (inside(p) != inside(q)) {
+                    const double t = (limit - p[axis]) / (q[axis] - p[axis]);
+                    out.push_back({p[0] + t * (q[0] - p[0]), p[1] + t * (q[1] - p[1]),
+                                   p[2] + t * (q[2] - p[2])});
+                }
+            }
+            poly = std::move(out);
+            if (poly.empty()) return false;
+        }
+    return true;
+}
+
+// Every valid triangle that reaches into a leaf's cell by more than `margin`
+// is listed in that leaf.
+template <class ValidFn>
+inline std::string checkLeafOverlaps(const KdTreeInfo& info, const float* vertices,
+                                     const int* indices, int triangleCount, double margin,
+                                     ValidFn valid) {
+    for (const auto& leaf : info.leaves) {
+        for (int t = 0; t < triangleCount; ++t) {
+            if (!valid(t)) continue;
+            const float* v[3];
+            bool apart = false;
+            for (int c = 0; c < 3; ++c)
+                v[c] = vertices + 3 * static_cast<size_t>(indices[4 * t + c]);
+            for (int a = 0; a < 3 && !apart; ++a) {
+                const float lo = std::min({v[0][a], v[1][a], v[2][a]});
+                const float hi = std::max({v[0][a], v[1][a], v[2][a]});
+                apart = hi < leaf.cell.mn[a] + margin || lo > leaf.cell.mx[a] - margin;
+            }
+            if (apart || !triangleOverlapsCell(v[0], v[1], v[2], leaf.cell, margin)) continue;
+            if (std::find(leaf.tris.begin(), leaf.tris.end(), t) == leaf.tris.end())
+                return "triangle " + std::to_string(t) + " reaches into the leaf at " +
+                       std::to_string(leaf.offset) + " but is not listed";
+        }
     }
     return "";
 }
