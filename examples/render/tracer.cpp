@@ -241,7 +241,8 @@ void Tracer::traceBlock(Block& b, QelSize2D size, QelPos2D pos, RenderStats& cou
                                     b.dirs[2][i] * b.dirs[2][i]);
         const float cosView = std::min(1.0f, -b.cosView[i] / len);
         const float r0 = scene_.reflectivity[size_t(t)];
-        const float grazing = std::pow(1.0f - cosView, 5.0f);
+        const float g = 1.0f - cosView;
+        const float grazing = g * g * g * g * g;
         b.weight[i] = r0 > 0.0f ? r0 + (1.0f - r0) * grazing * 0.6f : 0.0f;
         b.keep[i] = 1.0f - b.weight[i];
         b.dist2[i] = r0 > 0.0f ? FLT_MAX : 0.0f;  // matte surfaces reflect nothing
