@@ -96,6 +96,13 @@ ParseResult parseOptions(int argc, const char* const* argv, Options& options,
             return ParseResult::kError;
         }
     }
+    // The renderer keeps one float triple per sample of the whole image.
+    const long long samples =
+        (long long)options.width * options.height * options.samples * options.samples;
+    if (samples > (1LL << 26)) {
+        message = "the image is too large (width x height x samples^2 above 2^26)";
+        return ParseResult::kError;
+    }
     return ParseResult::kRun;
 }
 
