@@ -200,6 +200,23 @@ TEST(Resize, ChecksAndWarningsWriteNothing) {
     EXPECT_EQ(dst.bytes, before);
 }
 
+TEST(Resize, AbsurdFactorsAndShiftsStayInsideTheVolumes) {
+    // Subnormal, huge and infinite factors make positions infinite or NaN;
+    // whatever is written, every access stays inside the volumes and buffer.
+    Volume<float> src({5, 4, 3}, 0, 0), dst({6, 6, 6}, 0, 0);
+    src.fillRandom(6);
+    const QelBox3D s{0, 0, 0, 5, 4, 3}, d{0, 0, 0, 6, 6, 6};
+    const double factors[] = {1e-320, 1e300, INFINITY, 1e-9};
+    for (double f : factors)
+        for (double shift : {0.5, -1e10, 1e10})
+            for (int mode : kModes) {
+                WorkBuffer buf(s, d, mode, 9);
+                const Params p{{f, 1, 1}, {shift, 0, 0}, mode};
+                const QelStatus st = resize(false, src, s, dst, d, p, buf.data());
+                EXPECT_TRUE(st == qelOk || st == qelWarnNothingToDo) << f << " " << mode;
+            }
+}
+
 TEST(Resize, EveryModeAndLayout8u) { checkAllCases<uint8_t>(); }
 TEST(Resize, EveryModeAndLayout16u) { checkAllCases<uint16_t>(); }
 TEST(Resize, EveryModeAndLayout32f) {
