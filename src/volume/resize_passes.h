@@ -136,18 +136,21 @@ float linearSample(const T* src, int32_t extent, int32_t i, const float* pair) {
 template <class T>
 void resampleRowLinear(const T* src, int32_t extent, const AxisTable& t, Runs runs, int32_t w,
                        float* out) {
+    // Local copies: the stores to `out` could otherwise alias the table.
+    const int32_t* const index = t.index;
+    const float* const weights = t.weights;
     const int32_t end = w - runs.right;
     int32_t k = 0;
-    for (; k < runs.left; ++k) out[k] = linearSample(src, extent, t.index[k], t.weights + 2 * k);
+    for (; k < runs.left; ++k) out[k] = linearSample(src, extent, index[k], weights + 2 * k);
     for (; k + 4 <= end; k += 4) {
-        const int32_t* i = t.index + k;
-        const float* pairs = t.weights + 2 * k;
+        const int32_t* i = index + k;
+        const float* pairs = weights + 2 * k;
         const __m128 v01 = _mm_mul_ps(loadTwoPairs(src + i[0], src + i[1]), _mm_loadu_ps(pairs));
         const __m128 v23 =
             _mm_mul_ps(loadTwoPairs(src + i[2], src + i[3]), _mm_loadu_ps(pairs + 4));
         _mm_storeu_ps(out + k, _mm_hadd_ps(v01, v23));
     }
-    for (; k < w; ++k) out[k] = linearSample(src, extent, t.index[k], t.weights + 2 * k);
+    for (; k < w; ++k) out[k] = linearSample(src, extent, index[k], weights + 2 * k);
 }
 
 // Cubic: taps i - 1 .. i + 2, each clamped into the row; summed as
@@ -164,19 +167,21 @@ float cubicSample(const T* src, int32_t extent, int32_t i, const float* w) {
 template <class T>
 void resampleRowCubic(const T* src, int32_t extent, const AxisTable& t, Runs runs, int32_t w,
                       float* out) {
+    const int32_t* const index = t.index;
+    const float* const weights = t.weights;
     const int32_t end = w - runs.right;
     int32_t k = 0;
-    for (; k < runs.left; ++k) out[k] = cubicSample(src, extent, t.index[k], t.weights + 4 * k);
+    for (; k < runs.left; ++k) out[k] = cubicSample(src, extent, index[k], weights + 4 * k);
     for (; k + 4 <= end; k += 4) {
-        const int32_t* i = t.index + k;
-        const float* wq = t.weights + 4 * k;
+        const int32_t* i = index + k;
+        const float* wq = weights + 4 * k;
         const __m128 p0 = _mm_mul_ps(loadFour(src + i[0] - 1), _mm_load_ps(wq));
         const __m128 p1 = _mm_mul_ps(loadFour(src + i[1] - 1), _mm_load_ps(wq + 4));
         const __m128 p2 = _mm_mul_ps(loadFour(src + i[2] - 1), _mm_load_ps(wq + 8));
         const __m128 p3 = _mm_mul_ps(loadFour(src + i[3] - 1), _mm_load_ps(wq + 12));
         _mm_storeu_ps(out + k, _mm_hadd_ps(_mm_hadd_ps(p0, p1), _mm_hadd_ps(p2, p3)));
     }
-    for (; k < w; ++k) out[k] = cubicSample(src, extent, t.index[k], t.weights + 4 * k);
+    for (; k < w; ++k) out[k] = cubicSample(src, extent, index[k], weights + 4 * k);
 }
 
 // ---------------------------------------------------------------------------
