@@ -90,6 +90,9 @@ def main():
     rng = np.random.default_rng(3)
     runs = 5
     print("destination Mvoxels/s, median of %d runs; qelr on 1 thread unless noted" % runs)
+    # The thread speed-up needs idle cores: a busy neighbour on one of them
+    # makes the even plane split wait for the slower thread.
+    print("load average at start: %.2f %.2f %.2f on %d processors" % (os.getloadavg() + (os.cpu_count(),)))
     print("%-4s %-13s %-12s %9s %9s %8s %7s" % ("type", "case", "mode", "qelr", "scipy", "ratio", "target"))
     speedups = []
     for n, m, factor in CASES:
