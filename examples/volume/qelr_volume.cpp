@@ -1,7 +1,7 @@
 // qelr-volume: the volume functions of libqelr on a synthetic phantom.
 //
-// Builds a 3-D phantom of nested ellipsoids, then warps it (a rotation),
-// remaps it (a swirl about the z axis) and filters a 16-bit copy
+// Builds a 3-D phantom of nested ellipsoids, then resizes it, warps it (a
+// rotation), remaps it (a swirl about the z axis) and filters a 16-bit copy
 // with a smoothing and an edge kernel, timing each call, and writes every
 // result as a PNG montage of slices.
 //
@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "png_writer.h"
@@ -135,6 +136,20 @@ void rotationAboutCentre(double az, double ax, double c[3][4]) {
     }
 }
 
+// Resizes the whole of `src` by `scale` on every axis into `dst` (whose size
+// the caller took from qelrGetResizeCuboid).
+QelStatus resize(const Volume<uint8_t>& src, Volume<uint8_t>& dst, double scale, int mode) {
+    const QelBox3D srcBox{0, 0, 0, src.width, src.height, src.depth};
+    const QelBox3D dstBox{0, 0, 0, dst.width, dst.height, dst.depth};
+    int size = 0;
+    QelStatus status = qelrResizeGetBufSize(srcBox, dstBox, 1, mode, &size);
+    if (status != qelOk) return status;
+    std::vector<QelU8> buffer(size);
+    return qelrResize_8u_C1PV(src.region(), QelVolumeSize{src.width, src.height, src.depth},
+                              src.rowStep(), srcBox, dst.region(), dst.rowStep(), dstBox, scale,
+                              scale, scale, 0, 0, 0, mode, buffer.data());
+}
+
 // The maps of a swirl about the z axis through the centre: a voxel at radius
 // r < R reads the source rotated by maxTurn * (1 - r / R) radians.
 struct SwirlMaps {
@@ -188,6 +203,21 @@ int main(int argc, char** argv) {
                 }
             }
     writeMontage(dir + "volume_phantom.png", phantom8, 0, 255);
+
+    // Resize: down by 0.6 (linear) and up by 1.5 (Catmull-Rom).
+    for (const auto& [scale, mode, name] :
+         {std::tuple{0.6, int(qelInterpLinear), "down_linear"},
+          std::tuple{1.5, int(qelInterpCubicCatmullRom), "up_catmull_rom"}}) {
+        QelBox3D out{};
+        qelrGetResizeCuboid(QelBox3D{0, 0, 0, kN, kN, kN}, &out, scale, scale, scale, 0, 0, 0,
+                            mode);
+        Volume<uint8_t> resized(out.width, out.height, out.depth);
+        const std::string what = std::string("resize x") + (scale < 1 ? "0.6" : "1.5") +
+                                 (mode == qelInterpLinear ? " (8u, linear)" : " (8u, Catmull-Rom)");
+        timed(what.c_str(), resized.data.size(),
+              [&] { return resize(phantom8, resized, scale, mode); });
+        writeMontage(dir + "volume_resize_" + name + ".png", resized, 0, 255);
+    }
 
     // Affine warp: a rotation about the centre, Catmull-Rom interpolation.
     Volume<uint8_t> rotated(kN, kN, kN);
