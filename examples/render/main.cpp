@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: %s\n", argv[0], message.c_str());
         return 1;
     }
-    if (!writePng(options.output, rgb.data(), options.width, options.height)) {
+    if (!qelr_example::writePng(options.output, rgb.data(), options.width, options.height, 3)) {
         std::fprintf(stderr, "%s: cannot write %s\n", argv[0], options.output.c_str());
         return 1;
     }

@@ -1,14 +1,12 @@
 // Volume remap: every destination voxel reads the source at the position
 // that the three coordinate maps give, if that position lies inside the
 // accepted source box; voxels mapped outside keep their values.
-#include <omp.h>
-#include <qelcore.h>
 
 #include "core/impl.h"
-#include "core/parallel.h"
 #include "volume/remap_plane.h"
 #include "volume/remap_sampling.h"
 #include "volume/volume_common.h"
+#include "volume/volume_parallel.h"
 
 namespace qelr::volume {
 
@@ -242,25 +240,6 @@ constexpr RemapKernel<T> kRemapKernels[8] = {
 // Runs the kernel over all destination planes, split over a team when the
 // destination is large enough and more than one thread is available.
 template <class T>
-void runRemap(RemapKernel<T> kernel, const RemapArgs<T>& a) {
-    const int threads = ownGetNumThreads();
-    const QelVolumeSize& d = a.dstSize;
-    if (!core::splitsOverThreads(d.width, d.height, d.depth, threads)) {
-        kernel(a, 0, d.depth);
-        return;
-    }
-    int team = 1;
-#pragma omp parallel num_threads(threads)
-    {
-#pragma omp master
-        team = omp_get_num_threads();
-#pragma omp barrier
-        const core::PlaneRange r = core::planeRangeOf(d.depth, team, omp_get_thread_num());
-        kernel(a, r.begin, r.end);
-    }
-}
-
-template <class T>
 QelStatus remapVolume(const T* const srcData[], QelVolumeSize srcSize, int srcRowStep,
                       QelBox3D srcBox, const float* const pxMap[], const float* const pyMap[],
                       const float* const pzMap[], int mapStep, T* const dstData[], int dstRowStep,
@@ -282,7 +261,9 @@ QelStatus remapVolume(const T* const srcData[], QelVolumeSize srcSize, int srcRo
     const RemapArgs<T> args{
         srcData,    srcRowStep, inclusiveBoundsOf(accepted), pxMap, pyMap, pzMap, mapStep, dstData,
         dstRowStep, dstVolume};
-    runRemap(kRemapKernels<T>[mode], args);
+    const RemapKernel<T> kernel = kRemapKernels<T>[mode];
+    runOverPlanes(dstVolume.width, dstVolume.height, dstVolume.depth,
+                  [&](int32_t first, int32_t end, int, int) { kernel(args, first, end); });
     return qelOk;
 }
 

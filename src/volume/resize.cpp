@@ -7,16 +7,15 @@
 // once per plane pass into a ring of rows, the rows are combined in y into a
 // ring of planes (each needed source plane once), and the planes are combined
 // in z, converted and stored. All scratch lives in the caller's buffer.
-#include <omp.h>
 
 #include <cmath>
 
 #include "core/impl.h"
-#include "core/parallel.h"
 #include "qelcore.h"
 #include "volume/resize_internal.h"
 #include "volume/resize_passes.h"
 #include "volume/volume_common.h"
+#include "volume/volume_parallel.h"
 
 namespace qelr::volume::resize {
 
@@ -470,26 +469,13 @@ QelStatus qelrResize_32f_C1V(const float* srcData, QelVolumeSize srcSize, int sr
     if (st != qelOk) return st;
     const VolumeV<const float> src(srcData, srcRowStep, srcSliceStep);
     const VolumeV<float> dst(dstData, dstRowStep, dstSliceStep);
-    const int threads = ownGetNumThreads();
-    if (!core::splitsOverThreads(c.x.extent, c.y.extent, c.z.extent, threads)) {
-        runWorker<float>(c, interpolation, src, dst, 0, c.z.extent, workBuffer);
-        return qelOk;
-    }
-
-    int team = 1;
-    __int128 total = 0;
-#pragma omp parallel num_threads(threads)
-    {
-        if (omp_get_thread_num() == 0) {
-            team = omp_get_num_threads();
-            total = totalBufferBytes(interpolation, dstBox);
-        }
-#pragma omp barrier
-        const int k = omp_get_thread_num();
-        const core::PlaneRange r = core::planeRangeOf(c.z.extent, team, k);
-        uint8_t* slice = workBuffer + static_cast<size_t>((k * total) / team);
-        runWorker<float>(c, interpolation, src, dst, r.begin, r.end, slice);
-    }
+    // Each thread works in its slice of the whole buffer, (rank * B) / team.
+    const __int128 total = totalBufferBytes(interpolation, dstBox);
+    runOverPlanes(c.x.extent, c.y.extent, c.z.extent,
+                  [&](int32_t first, int32_t end, int rank, int team) {
+                      uint8_t* slice = workBuffer + static_cast<size_t>((rank * total) / team);
+                      runWorker<float>(c, interpolation, src, dst, first, end, slice);
+                  });
     return qelOk;  // once validated, the workers cannot fail
 }
 

@@ -19,7 +19,7 @@ TEST(RenderPng, RoundTripsThroughAStrictReader) {
         // Half noise, half smooth gradients, so every row filter gets picked.
         for (size_t i = 0; i < rgb.size(); ++i)
             rgb[i] = i % 7 < 3 ? uint8_t(rng()) : uint8_t(i / 5);
-        const std::vector<uint8_t> png = encodePng(rgb.data(), w, h);
+        const std::vector<uint8_t> png = qelr_example::encodePng(rgb.data(), w, h, 3);
         qelr_test::RgbImage image;
         std::string error;
         ASSERT_TRUE(qelr_test::decodePng(png, image, error)) << error;
