@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/align.h"
 #include "core/impl.h"
 
 namespace qelr::impl {
@@ -60,8 +61,6 @@ void castEyeVector(const float* corner, const float* stepX, const float* stepY, 
     }
 }
 
-bool aligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15) == 0; }
-
 }  // namespace
 
 QelStatus qelrCastEye_32f(const float* corner, const float* stepX, const float* stepY,
@@ -73,7 +72,7 @@ QelStatus qelrCastEye_32f(const float* corner, const float* stepX, const float* 
     const float offY = blockOffset(blockPos.y, blockHeight);
     if (size.width % 4 != 0) {
         castEyeScalar(corner, stepX, stepY, offX, offY, dirs, size.width, size.height);
-    } else if (aligned16(dirs[0]) && aligned16(dirs[1]) && aligned16(dirs[2])) {
+    } else if (core::aligned16(dirs[0]) && core::aligned16(dirs[1]) && core::aligned16(dirs[2])) {
         castEyeVector<true>(corner, stepX, stepY, offX, offY, dirs, size.width, size.height);
     } else {
         castEyeVector<false>(corner, stepX, stepY, offX, offY, dirs, size.width, size.height);

@@ -5,13 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/align.h"
 #include "core/impl.h"
 
 namespace qelr::impl {
 
 namespace {
-
-bool aligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15) == 0; }
 
 // The origin of ray i: one shared point (kMultiOrigin false) or element i of a pack.
 template <bool kMultiOrigin>
@@ -76,10 +75,10 @@ template <bool kMultiOrigin>
 QelStatus hitPoints(const Origins<kMultiOrigin>& o, const float* const dirs[3], const float* dist,
                     const int* mask, float* const points[3], int len, float eps) {
     if (len < 1) return qelOk;
-    bool vector = len % 4 == 0 && aligned16(dist) && aligned16(mask);
+    bool vector = len % 4 == 0 && core::aligned16(dist) && core::aligned16(mask);
     for (int c = 0; c < 3; ++c) {
-        vector = vector && aligned16(dirs[c]) && aligned16(points[c]);
-        if constexpr (kMultiOrigin) vector = vector && aligned16(o.pack[c]);
+        vector = vector && core::aligned16(dirs[c]) && core::aligned16(points[c]);
+        if constexpr (kMultiOrigin) vector = vector && core::aligned16(o.pack[c]);
     }
     if (vector) {
         hitPointsVector(o, dirs, dist, mask, points, len, eps);

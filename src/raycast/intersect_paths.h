@@ -2,13 +2,13 @@
 // the one-ray kernels that they share (intersect_ray.cpp).
 #pragma once
 
+#include "core/align.h"
 #include "qelr.h"
 #include "raycast/kd_walk.h"
 
 namespace qelr::raycast {
 
-// Whether a pointer starts on a 16-byte boundary.
-inline bool aligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15) == 0; }
+using core::aligned16;
 
 // Any-hit of one ray already set up (inverses of the any-hit form) over
 // 0 < t < 1: the index of the first triangle accepted, or -1.

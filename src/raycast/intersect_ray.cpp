@@ -11,21 +11,18 @@ namespace qelr::raycast {
 
 namespace {
 
-// Nearest hit of one ray (origin and direction set in ray) below dist.
-void nearestRay(const QelTraceScene& scene, Ray& ray, float& dist, float& u, float& v,
-                int32_t& index) {
-    index = -1;
-    setInverses(ray, kNearestTinyInverse);
-    float tnear = 0.0f, tfar = dist;
-    if (!clipByBox(ray, scene.bounds, tnear, tfar)) return;
-    tfar += kFarSlack;
+// The nearest triangle below `best` that the walk from tnear to tfar meets,
+// skipping the triangles `excluded` names; best, u and v follow each accepted
+// hit. Returns the triangle, or -1.
+template <class Excluded>
+int32_t nearestInTree(const QelTraceScene& scene, const Ray& ray, float tnear, float tfar,
+                      float tolerance, float& best, float& u, float& v, Excluded&& excluded) {
     const TriangleAccel* accel = scene.accel;
-    float best = dist;
     TriangleHit hit{};
     int32_t found = -1;
-    walkRay(scene.root, ray, tnear, tfar, kSplitTolerance, best, [&](const KDTreeNode* leaf) {
+    walkRay(scene.root, ray, tnear, tfar, tolerance, best, [&](const KDTreeNode* leaf) {
         forEachTriangle(leaf, [&](int32_t tri) {
-            if (hitTriangle(accel[tri], ray, best, hit)) {
+            if (!excluded(tri) && hitTriangle(accel[tri], ray, best, hit)) {
                 best = hit.t;
                 u = hit.b;
                 v = hit.c;
@@ -35,6 +32,20 @@ void nearestRay(const QelTraceScene& scene, Ray& ray, float& dist, float& u, flo
         });
         return false;
     });
+    return found;
+}
+
+// Nearest hit of one ray (origin and direction set in ray) below dist.
+void nearestRay(const QelTraceScene& scene, Ray& ray, float& dist, float& u, float& v,
+                int32_t& index) {
+    index = -1;
+    setInverses(ray, kNearestTinyInverse);
+    float tnear = 0.0f, tfar = dist;
+    if (!clipByBox(ray, scene.bounds, tnear, tfar)) return;
+    tfar += kFarSlack;
+    float best = dist;
+    const int32_t found = nearestInTree(scene, ray, tnear, tfar, kSplitTolerance, best, u, v,
+                                        [](int32_t) { return false; });
     if (found >= 0) {
         dist = best;
         index = found;
@@ -86,32 +97,20 @@ void multipleRay(const QelTraceScene& scene, Ray& ray, float* dist, float* const
     float tnear = 0.0f, tfar = dist[i];
     if (!clipByBox(ray, scene.bounds, tnear, tfar)) return;
     tfar += kFarSlack;
-    const TriangleAccel* accel = scene.accel;
     int32_t recent[8];
     int32_t previous = -1;
     for (int h = 0;; ++h) {
         const ptrdiff_t at = i + h * stride;
         const int checked = h % 8;
         float best = dist[at];
-        int32_t found = -1;
         float u = 0.0f, v = 0.0f;
-        TriangleHit hit{};
-        walkRay(scene.root, ray, tnear, tfar, kLayerSplitTolerance, best,
-                [&](const KDTreeNode* leaf) {
-                    forEachTriangle(leaf, [&](int32_t tri) {
-                        if (tri == previous) return false;
-                        for (int s = 0; s < checked; ++s)
-                            if (recent[s] == tri) return false;
-                        if (hitTriangle(accel[tri], ray, best, hit)) {
-                            best = hit.t;
-                            u = hit.b;
-                            v = hit.c;
-                            found = tri;
-                        }
-                        return false;
-                    });
-                    return false;
-                });
+        const int32_t found = nearestInTree(scene, ray, tnear, tfar, kLayerSplitTolerance, best, u,
+                                            v, [&](int32_t tri) {
+                                                if (tri == previous) return true;
+                                                for (int s = 0; s < checked; ++s)
+                                                    if (recent[s] == tri) return true;
+                                                return false;
+                                            });
         if (found < 0) return;
         dist[at] = best;
         uv[0][at] = u;

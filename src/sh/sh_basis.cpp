@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/align.h"
 #include "core/impl.h"
 #include "sh/sh_engine.h"
 
@@ -72,7 +73,7 @@ void forEachDirection(const float* pX, const float* pY, const float* pZ, int n, 
         kernel(Float4(_mm_loadu_ps(pX + i)), Float4(_mm_loadu_ps(pY + i)),
                Float4(_mm_loadu_ps(pZ + i)), soa);
         float* out = dst + static_cast<ptrdiff_t>(i) * count;
-        if (streaming && count % 4 == 0 && (reinterpret_cast<uintptr_t>(out) & 15) == 0) {
+        if (streaming && count % 4 == 0 && core::aligned16(out)) {
             transposeOut<true>(soa, count, out, count);
         } else if (streaming) {
             transposeOut(soa, count, aos, count);

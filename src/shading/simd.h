@@ -6,9 +6,11 @@
 
 #include <cstdint>
 
+#include "core/align.h"
+
 namespace qelr::shading {
 
-inline bool aligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15u) == 0; }
+using core::aligned16;
 
 // True when every pointer starts on a 16-byte boundary.
 template <typename... P>
