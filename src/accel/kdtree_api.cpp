@@ -7,8 +7,9 @@
 #include "accel/kdtree_build.h"
 #include "core/impl.h"
 #include "core/memory.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -72,4 +73,4 @@ QelStatus qelrKDTreeFree(KDTreeNode* tree) {
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

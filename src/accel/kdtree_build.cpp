@@ -26,8 +26,9 @@
 
 #include "accel/kdtree_sweep.h"
 #include "core/memory.h"
+#include "simd/target.h"
 
-namespace qelr::accel {
+namespace qelr::QELR_ISA::accel {
 
 namespace {
 
@@ -393,4 +394,4 @@ QelStatus buildCostDriven(const CostDrivenInput& in, KDTreeNode** outTree, int* 
     return builder.run(outTree, outTreeSize);
 }
 
-}  // namespace qelr::accel
+}  // namespace qelr::QELR_ISA::accel

@@ -5,8 +5,9 @@
 #include <cstdint>
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::accel {
+namespace qelr::QELR_ISA::accel {
 
 // Output memory of the cost-driven build is taken in blocks of this size
 // (16 MB of payload plus a 40-byte header), each charged to the budget.
@@ -131,4 +132,4 @@ class TreeStream {
     QelStatus status_ = qelOk;
 };
 
-}  // namespace qelr::accel
+}  // namespace qelr::QELR_ISA::accel

@@ -8,8 +8,9 @@
 #include <utility>
 
 #include "accel/kdtree_build.h"
+#include "simd/target.h"
 
-namespace qelr::accel {
+namespace qelr::QELR_ISA::accel {
 
 bool fetchTriangle(const float* vertices, const int* triangleIndices, int32_t vertexCount,
                    int32_t t, double out[3][3]) {
@@ -160,4 +161,4 @@ void clipToChildren(const double tri[3][3], const Box3& cell, int axis, float po
     narrowToPolygon(part, child, above);
 }
 
-}  // namespace qelr::accel
+}  // namespace qelr::QELR_ISA::accel

@@ -11,7 +11,9 @@
 
 #include <cfloat>
 
-namespace qelr::accel {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::accel {
 
 namespace {
 constexpr float kMinExtent = 1e-5f;
@@ -109,4 +111,4 @@ AxisScore scoreAxis(const AxisFrame& fr, const Event* ev, int32_t count, int32_t
     return out;
 }
 
-}  // namespace qelr::accel
+}  // namespace qelr::QELR_ISA::accel

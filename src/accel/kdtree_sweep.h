@@ -4,8 +4,9 @@
 #include <cstdint>
 
 #include "accel/kdtree_build.h"
+#include "simd/target.h"
 
-namespace qelr::accel {
+namespace qelr::QELR_ISA::accel {
 
 // One event of a reference on one axis: the start or end of its extent, or
 // its position when the extent is flat. key = local reference << 2 | type.
@@ -49,4 +50,4 @@ AxisScore scoreAxis(const AxisFrame& frame, const Event* events, int32_t eventCo
 // Half surface area of the cell times n, in double.
 double leafCost(const Box3& cell, int32_t n);
 
-}  // namespace qelr::accel
+}  // namespace qelr::QELR_ISA::accel

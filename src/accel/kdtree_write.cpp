@@ -13,8 +13,9 @@
 
 #include "accel/kdtree_build.h"
 #include "core/memory.h"
+#include "simd/target.h"
 
-namespace qelr::accel {
+namespace qelr::QELR_ISA::accel {
 
 namespace {
 constexpr int32_t kInlineTag = -8;
@@ -210,4 +211,4 @@ QelStatus TreeStream::finish(KDTreeNode** outTree, int* outTreeSize) {
     return qelOk;
 }
 
-}  // namespace qelr::accel
+}  // namespace qelr::QELR_ISA::accel

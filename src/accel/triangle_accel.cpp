@@ -7,8 +7,9 @@
 #include <cstring>
 
 #include "core/impl.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -142,4 +143,4 @@ QelStatus qelrSetBoundBox_32f(const float* vertices, int vertexCount, float* box
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

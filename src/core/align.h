@@ -4,9 +4,11 @@
 
 #include <cstdint>
 
-namespace qelr::core {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::core {
 
 // Whether a pointer starts on a 16-byte boundary.
 inline bool aligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15u) == 0; }
 
-}  // namespace qelr::core
+}  // namespace qelr::QELR_ISA::core

@@ -2,7 +2,9 @@
 
 #include <cstring>
 
-namespace qelr::core {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::core {
 
 namespace {
 // 32-bit product with wrap-around, as the allocator's int argument takes it.
@@ -26,4 +28,4 @@ QelStatus copyInt32(const void* src, void* dst, int32_t n) {
 
 void freeMemory(void* ptr) { qelFree(ptr); }
 
-}  // namespace qelr::core
+}  // namespace qelr::QELR_ISA::core

@@ -5,8 +5,9 @@
 #include <cstdint>
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::core {
+namespace qelr::QELR_ISA::core {
 
 // n elements of 8 bytes; n not above 0 gives nullptr without allocating.
 // The byte count is n * 8 taken in 32-bit arithmetic, as the allocator takes it.
@@ -24,8 +25,4 @@ QelStatus copyInt32(const void* src, void* dst, int32_t n);
 // Passes the pointer to qelFree unchanged (nullptr included).
 void freeMemory(void* ptr);
 
-// Whether the processor offered the feature set the library was tuned for,
-// recorded once at load. Nothing selects a code path by it.
-bool loadTimeFeatureFlag();
-
-}  // namespace qelr::core
+}  // namespace qelr::QELR_ISA::core

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 
-namespace qelr::core {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::core {
 
 // Planes [begin, end) of thread `rank` in a team of `team` threads splitting
 // `depth` planes: chunks of depth / team planes, the last thread also takes
@@ -26,4 +28,4 @@ inline bool splitsOverThreads(int32_t width, int32_t height, int32_t depth, int3
     return width >= 16 && height >= 16 && depth >= 16 && threads > 1;
 }
 
-}  // namespace qelr::core
+}  // namespace qelr::QELR_ISA::core

@@ -6,8 +6,9 @@
 
 #include "core/align.h"
 #include "core/impl.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -80,4 +81,4 @@ QelStatus qelrCastEye_32f(const float* corner, const float* stepX, const float* 
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

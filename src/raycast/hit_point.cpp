@@ -7,8 +7,9 @@
 
 #include "core/align.h"
 #include "core/impl.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -107,4 +108,4 @@ QelStatus qelrHitPoint3DEpsM0_32f_M(const float* const origins[3], const float* 
     return hitPoints(Origins<true>{nullptr, origins}, dirs, dist, mask, points, len, eps);
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

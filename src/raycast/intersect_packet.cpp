@@ -12,8 +12,9 @@
 
 #include "raycast/intersect_paths.h"
 #include "raycast/kd_walk.h"
+#include "simd/target.h"
 
-namespace qelr::raycast {
+namespace qelr::QELR_ISA::raycast {
 
 namespace {
 
@@ -533,4 +534,4 @@ void anyHitPackets(const float origin[3], const float* const dirs[3], int* index
     }
 }
 
-}  // namespace qelr::raycast
+}  // namespace qelr::QELR_ISA::raycast

@@ -5,8 +5,9 @@
 #include "core/align.h"
 #include "qelr.h"
 #include "raycast/kd_walk.h"
+#include "simd/target.h"
 
-namespace qelr::raycast {
+namespace qelr::QELR_ISA::raycast {
 
 using core::aligned16;
 
@@ -22,4 +23,4 @@ void nearestPackets(const float* origin, const float* const* origins, const floa
 void anyHitPackets(const float origin[3], const float* const dirs[3], int* index, int* mask,
                    const QelTraceScene& scene, int width, int height);
 
-}  // namespace qelr::raycast
+}  // namespace qelr::QELR_ISA::raycast

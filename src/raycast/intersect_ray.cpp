@@ -6,8 +6,9 @@
 #include "core/impl.h"
 #include "raycast/intersect_paths.h"
 #include "raycast/kd_walk.h"
+#include "simd/target.h"
 
-namespace qelr::raycast {
+namespace qelr::QELR_ISA::raycast {
 
 namespace {
 
@@ -153,9 +154,9 @@ int32_t anyHitRay(const QelTraceScene& scene, const Ray& ray) {
     return found;
 }
 
-}  // namespace qelr::raycast
+}  // namespace qelr::QELR_ISA::raycast
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 using namespace qelr::raycast;
 
@@ -228,4 +229,4 @@ QelStatus qelrIntersectMultipleSO_32f(const float origin[3], const float* const 
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

@@ -7,8 +7,9 @@
 #include <cstring>
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::raycast {
+namespace qelr::QELR_ISA::raycast {
 
 // Largest magnitude of a direction component that counts as zero.
 constexpr float kTinyComponent = 1.1920929e-7f;
@@ -176,4 +177,4 @@ inline void walkRay(const KDTreeNode* root, const Ray& ray, float tnear, float t
     }
 }
 
-}  // namespace qelr::raycast
+}  // namespace qelr::QELR_ISA::raycast

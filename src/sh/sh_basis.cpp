@@ -16,8 +16,9 @@
 #include "core/align.h"
 #include "core/impl.h"
 #include "sh/sh_engine.h"
+#include "simd/target.h"
 
-namespace qelr::sh {
+namespace qelr::QELR_ISA::sh {
 
 namespace {
 
@@ -143,9 +144,9 @@ void evaluateOne(float x, float y, float z, uint32_t order, const QelSHEngine* e
     }
 }
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 QelStatus qelrSH_32f(const float* pX, const float* pY, const float* pZ, int n, float* dst,
                      uint32_t order, const QelSHEngine* engine) {
@@ -180,4 +181,4 @@ QelStatus qelrSHBand_32f(const float* pX, const float* pY, const float* pZ, int 
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

@@ -15,8 +15,9 @@
 #include "qelr.h"
 #include "sh/sh_direct_bands.h"
 #include "sh/sh_lanes.h"
+#include "simd/target.h"
 
-namespace qelr::sh {
+namespace qelr::QELR_ISA::sh {
 
 // Fills the terms of the closed forms for bands up to `order`. The sectoral
 // factors follow (x + iy)^m = (x + iy)^(m-1) (x + iy) in double precision;
@@ -165,4 +166,4 @@ inline constexpr size_t kStreamingBytes = size_t{8} << 20;
 // the caller: selector 0 or 1, order at most 15 and at most the state's).
 void evaluateOne(float x, float y, float z, uint32_t order, const QelSHEngine* engine, float* out);
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh

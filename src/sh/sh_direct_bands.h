@@ -7,7 +7,7 @@
 
 #include "sh/sh_lanes.h"
 
-namespace qelr::sh {
+namespace qelr::QELR_ISA::sh {
 
 template <class V>
 QELR_SH_INLINE void directBand4(const DirectTerms<V>& t, float* band) {
@@ -711,5 +711,5 @@ QELR_SH_INLINE void directBand15(const DirectTerms<V>& t, float* band) {
     }
 }
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh
 // clang-format on

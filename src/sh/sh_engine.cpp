@@ -7,8 +7,9 @@
 #include <cstring>
 
 #include "core/impl.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -101,4 +102,4 @@ QelStatus qelrSHInit_32f(QelSHEngine* engine, uint32_t order, uint32_t algorithm
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

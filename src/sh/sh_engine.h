@@ -12,8 +12,9 @@
 #include <cstring>
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::sh {
+namespace qelr::QELR_ISA::sh {
 
 // Highest order either evaluation accepts.
 inline constexpr uint32_t kMaxOrder = 15;
@@ -86,4 +87,4 @@ inline bool recurrenceTablesCover(const QelSHEngine* engine, uint32_t order) {
            offsetB + 4 * entries <= recurrenceBlockBytes(stateOrder);
 }
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh

@@ -11,7 +11,9 @@
 
 #include <pmmintrin.h>
 
-namespace qelr::sh {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::sh {
 
 #define QELR_SH_INLINE inline __attribute__((always_inline))
 
@@ -94,4 +96,4 @@ struct DirectTerms {
     V c[16], s[16];
 };
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh

@@ -6,8 +6,9 @@
 #include "sh/sh_basis.h"
 #include "sh/sh_engine.h"
 #include "sh/sh_vector.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -166,4 +167,4 @@ QelStatus qelrSHTInv_32f_P3C3(const float* const coeffs[3], uint32_t order, cons
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

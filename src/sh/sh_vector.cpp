@@ -5,7 +5,9 @@
 
 #include <cstring>
 
-namespace qelr::sh {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::sh {
 
 namespace {
 
@@ -80,4 +82,4 @@ QelStatus dotProduct(const float* x, const float* y, int len, float* result) {
     return qelOk;
 }
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh

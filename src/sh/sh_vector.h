@@ -4,8 +4,9 @@
 #pragma once
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::sh {
+namespace qelr::QELR_ISA::sh {
 
 // x[k] *= v; v exactly 1 leaves x as it is, v exactly 0 (either sign) zeroes it.
 QelStatus scaleInPlace(float* x, int len, float v);
@@ -26,4 +27,4 @@ QelStatus dotProduct(const float* x, const float* y, int len, float* result);
 // x[k] = 0.
 QelStatus zeroFill(float* x, int len);
 
-}  // namespace qelr::sh
+}  // namespace qelr::QELR_ISA::sh

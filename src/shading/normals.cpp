@@ -8,8 +8,9 @@
 
 #include "core/impl.h"
 #include "shading/simd.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -268,4 +269,4 @@ QelStatus qelrSurfSmoothNormal_32f(const float* vertexNormals, const int* triang
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

@@ -7,8 +7,9 @@
 #include <cstdint>
 
 #include "core/align.h"
+#include "simd/target.h"
 
-namespace qelr::shading {
+namespace qelr::QELR_ISA::shading {
 
 using core::aligned16;
 
@@ -43,4 +44,4 @@ inline __m128 select(__m128 m, __m128 a, __m128 b) {
 
 inline __m128 absLanes(__m128 x) { return _mm_andnot_ps(_mm_set1_ps(-0.0f), x); }
 
-}  // namespace qelr::shading
+}  // namespace qelr::QELR_ISA::shading

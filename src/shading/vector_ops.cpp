@@ -10,8 +10,9 @@
 
 #include "core/impl.h"
 #include "shading/simd.h"
+#include "simd/target.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -345,4 +346,4 @@ QelStatus qelrAddMulMul_32f_AC1P3IM(const float colour[3], const float* scale,
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

@@ -18,10 +18,11 @@
 #include <cstdint>
 
 #include "core/impl.h"
+#include "simd/target.h"
 #include "volume/volume_common.h"
 #include "volume/volume_parallel.h"
 
-namespace qelr::volume::filter {
+namespace qelr::QELR_ISA::volume::filter {
 
 namespace {
 
@@ -183,7 +184,7 @@ float* alignedAccumulator(QelU8* slice) {
 
 }  // namespace
 
-}  // namespace qelr::volume::filter
+}  // namespace qelr::QELR_ISA::volume::filter
 
 QelStatus qelr::impl::qelrFilterGetBufSize(QelVolumeSize dstRoiSize, QelVolumeSize kernelSize,
                                            int nChannels, int* outBufferSize) {

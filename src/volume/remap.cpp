@@ -3,12 +3,13 @@
 // accepted source box; voxels mapped outside keep their values.
 
 #include "core/impl.h"
+#include "simd/target.h"
 #include "volume/remap_plane.h"
 #include "volume/remap_sampling.h"
 #include "volume/volume_common.h"
 #include "volume/volume_parallel.h"
 
-namespace qelr::volume {
+namespace qelr::QELR_ISA::volume {
 
 namespace {
 
@@ -269,9 +270,9 @@ QelStatus remapVolume(const T* const srcData[], QelVolumeSize srcSize, int srcRo
 
 }  // namespace
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 QelStatus qelrRemap_8u_C1PV(const QelU8* const srcData[], QelVolumeSize srcSize, int srcRowStep,
                             QelBox3D srcBox, const float* const pxMap[], const float* const pyMap[],
@@ -299,4 +300,4 @@ QelStatus qelrRemap_32f_C1PV(const float* const srcData[], QelVolumeSize srcSize
                                       mapStep, dstData, dstRowStep, dstVolume, interpolation);
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

@@ -6,10 +6,11 @@
 #include <array>
 #include <cmath>
 
+#include "simd/target.h"
 #include "volume/remap_sampling.h"
 #include "volume/volume_common.h"
 
-namespace qelr::volume {
+namespace qelr::QELR_ISA::volume {
 
 namespace {
 
@@ -218,4 +219,4 @@ template QelStatus remapPlane<uint16_t>(const uint16_t*, QelSize2D, int, PlaneRe
 template QelStatus remapPlane<float>(const float*, QelSize2D, int, PlaneRect, const float*, int,
                                      const float*, int, float*, int, QelSize2D, int);
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

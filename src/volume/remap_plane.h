@@ -6,8 +6,9 @@
 #include <cstdint>
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::volume {
+namespace qelr::QELR_ISA::volume {
 
 // Mode value of the six-tap windowed-sinc kernel (three-lobed Lanczos),
 // accepted by the plane remap only.
@@ -43,4 +44,4 @@ extern template QelStatus remapPlane<uint16_t>(const uint16_t*, QelSize2D, int, 
 extern template QelStatus remapPlane<float>(const float*, QelSize2D, int, PlaneRect, const float*,
                                             int, const float*, int, float*, int, QelSize2D, int);
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

@@ -1,6 +1,8 @@
 #include "volume/remap_sampling.h"
 
-namespace qelr::volume {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::volume {
 
 namespace {
 
@@ -23,4 +25,4 @@ const CubicPairTable kPairTables[4] = {
 
 const CubicPairTable& cubicPairTable(int mode) { return kPairTables[mode - qelInterpCubic]; }
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

@@ -10,9 +10,10 @@
 #include <cstring>
 #include <type_traits>
 
+#include "simd/target.h"
 #include "volume/volume_common.h"
 
-namespace qelr::volume {
+namespace qelr::QELR_ISA::volume {
 
 // Inclusive bounds of an accepted box: first and last index on each axis.
 struct InclusiveBox {
@@ -183,4 +184,4 @@ inline void storeLanes(T* dst, __m128 v, int mask) {
     }
 }
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

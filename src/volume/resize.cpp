@@ -12,12 +12,13 @@
 
 #include "core/impl.h"
 #include "qelcore.h"
+#include "simd/target.h"
 #include "volume/resize_internal.h"
 #include "volume/resize_passes.h"
 #include "volume/volume_common.h"
 #include "volume/volume_parallel.h"
 
-namespace qelr::volume::resize {
+namespace qelr::QELR_ISA::volume::resize {
 
 // ---------------------------------------------------------------------------
 // Buffer size and scratch arrangement
@@ -379,9 +380,9 @@ __int128 totalBufferBytes(int mode, const QelBox3D& dstBox) {
 }
 
 }  // namespace
-}  // namespace qelr::volume::resize
+}  // namespace qelr::QELR_ISA::volume::resize
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 using namespace qelr::volume;
 using namespace qelr::volume::resize;
@@ -479,4 +480,4 @@ QelStatus qelrResize_32f_C1V(const float* srcData, QelVolumeSize srcSize, int sr
     return qelOk;  // once validated, the workers cannot fail
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

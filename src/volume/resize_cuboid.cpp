@@ -1,8 +1,9 @@
 // The destination box that a resize of a source box writes.
 #include "core/impl.h"
+#include "simd/target.h"
 #include "volume/volume_common.h"
 
-namespace qelr::impl {
+namespace qelr::QELR_ISA::impl {
 
 namespace {
 
@@ -40,4 +41,4 @@ QelStatus qelrGetResizeCuboid(QelBox3D srcBox, QelBox3D* outDstBox, double scale
     return qelOk;
 }
 
-}  // namespace qelr::impl
+}  // namespace qelr::QELR_ISA::impl

@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qelr::volume::resize {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::volume::resize {
 
 // One axis of a resize: the destination range written and the mapping of a
 // destination coordinate back to the source.
@@ -49,4 +51,4 @@ struct Scratch {
 // only measures, assuming the worst alignment of the slice.
 Scratch carveScratch(int mode, int32_t w, int32_t h, int32_t planes, uint8_t* slice);
 
-}  // namespace qelr::volume::resize
+}  // namespace qelr::QELR_ISA::volume::resize

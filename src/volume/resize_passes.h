@@ -9,10 +9,11 @@
 #include <cstdint>
 #include <cstring>
 
+#include "simd/target.h"
 #include "volume/resize_internal.h"
 #include "volume/volume_common.h"
 
-namespace qelr::volume::resize {
+namespace qelr::QELR_ISA::volume::resize {
 
 // ---------------------------------------------------------------------------
 // Loads of source elements as floats
@@ -227,4 +228,4 @@ void sumRows4(const float* const r[4], const float w[4], int32_t n, T* out) {
     }
 }
 
-}  // namespace qelr::volume::resize
+}  // namespace qelr::QELR_ISA::volume::resize

@@ -3,7 +3,9 @@
 #include <array>
 #include <cmath>
 
-namespace qelr::volume {
+#include "simd/target.h"
+
+namespace qelr::QELR_ISA::volume {
 
 namespace {
 
@@ -55,4 +57,4 @@ const float* cubicTable(int mode) {
     return isCubicMode(mode) ? kTables[mode - qelInterpCubic].data() : nullptr;
 }
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

@@ -9,8 +9,9 @@
 #include <type_traits>
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::volume {
+namespace qelr::QELR_ISA::volume {
 
 // ---------------------------------------------------------------------------
 // Checks
@@ -151,4 +152,4 @@ inline T truncateToElement(float v) {
     }
 }
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

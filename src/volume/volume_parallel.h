@@ -8,8 +8,9 @@
 
 #include "core/parallel.h"
 #include "qelcore.h"
+#include "simd/target.h"
 
-namespace qelr::volume {
+namespace qelr::QELR_ISA::volume {
 
 // Runs work(firstPlane, endPlane, rank, team) over the destination depth.
 // A destination of at least 16 in every extent with more than one thread
@@ -36,4 +37,4 @@ void runOverPlanes(int32_t width, int32_t height, int32_t depth, Work&& work) {
     }
 }
 
-}  // namespace qelr::volume
+}  // namespace qelr::QELR_ISA::volume

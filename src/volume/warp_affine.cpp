@@ -9,10 +9,11 @@
 #include <type_traits>
 
 #include "core/impl.h"
+#include "simd/target.h"
 #include "volume/volume_parallel.h"
 #include "volume/warp_affine_plane.h"
 
-namespace qelr::volume::warp {
+namespace qelr::QELR_ISA::volume::warp {
 
 namespace {
 
@@ -322,7 +323,7 @@ QelStatus warpAffine(const T* const srcData[], QelVolumeSize srcSize, int srcRow
 
 }  // namespace
 
-}  // namespace qelr::volume::warp
+}  // namespace qelr::QELR_ISA::volume::warp
 
 using qelr::volume::warp::warpAffine;
 

@@ -7,9 +7,10 @@
 #include <cstdint>
 #include <cstring>
 
+#include "simd/target.h"
 #include "volume/volume_common.h"
 
-namespace qelr::volume::warp {
+namespace qelr::QELR_ISA::volume::warp {
 
 // ---------------------------------------------------------------------------
 // Transform
@@ -213,4 +214,4 @@ inline float sampleCubic3(const SourceView<T>& s, double X, double Y, double Z) 
     return dot4(vol, tx.w);
 }
 
-}  // namespace qelr::volume::warp
+}  // namespace qelr::QELR_ISA::volume::warp

@@ -8,9 +8,10 @@
 #include <climits>
 
 #include "core/memory.h"
+#include "simd/target.h"
 #include "volume/warp_affine.h"
 
-namespace qelr::volume::warp {
+namespace qelr::QELR_ISA::volume::warp {
 
 namespace {
 
@@ -91,4 +92,4 @@ QELR_WARP_PLANE(uint16_t)
 QELR_WARP_PLANE(float)
 #undef QELR_WARP_PLANE
 
-}  // namespace qelr::volume::warp
+}  // namespace qelr::QELR_ISA::volume::warp

@@ -2,8 +2,9 @@
 #pragma once
 
 #include "qelr.h"
+#include "simd/target.h"
 
-namespace qelr::volume::warp {
+namespace qelr::QELR_ISA::volume::warp {
 
 // Warps a source of depth 1 (the checks up to the mode have passed): the
 // plane is interpolated in x and y only, so its own width and height decide
@@ -16,4 +17,4 @@ QelStatus warpSinglePlane(const T* const srcData[], QelVolumeSize srcSize, int s
                           QelBox3D srcBox, T* const dstData[], int dstRowStep, QelBox3D dstBox,
                           const double coeffs[3][4], int interpolation);
 
-}  // namespace qelr::volume::warp
+}  // namespace qelr::QELR_ISA::volume::warp

@@ -105,13 +105,13 @@ def source():
         "",
         '#include "sh/sh_lanes.h"',
         "",
-        "namespace qelr::sh {",
+        "namespace qelr::QELR_ISA::sh {",
         "",
     ]
     for l in range(FIRST_BAND, LAST_BAND + 1):
         parts.append(band_function(l))
         parts.append("")
-    parts.append("}  // namespace qelr::sh")
+    parts.append("}  // namespace qelr::QELR_ISA::sh")
     parts.append("// clang-format on")
     return "\n".join(parts) + "\n"
 

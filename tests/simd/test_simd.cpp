@@ -1,0 +1,359 @@
+// The vector layer against scalar code, lane by lane, at every width the
+// target has. Built once per instruction set: every lane must give the bits
+// of the one IEEE (or two's complement) operation it stands for, which is
+// what makes the SSE3 and AVX2 variants of the library agree.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "simd/simd.h"
+
+namespace {
+
+using namespace qelr::simd;
+
+bool targetRuns() {
+#if QELR_SIMD_LANES == 8
+    return __builtin_cpu_supports("avx2");
+#else
+    return true;
+#endif
+}
+
+uint32_t bits(float f) { return bitsOf(f); }
+uint64_t bits(double d) {
+    uint64_t b;
+    std::memcpy(&b, &d, 8);
+    return b;
+}
+uint32_t bits(int32_t i) { return static_cast<uint32_t>(i); }
+
+// Inputs: special values first, then random floats over many magnitudes.
+template <class T>
+std::vector<T> samples(size_t count, uint32_t seed) {
+    constexpr T inf = std::numeric_limits<T>::infinity();
+    std::vector<T> v = {T(0),
+                        T(-0.0),
+                        T(1),
+                        T(-1),
+                        T(0.5),
+                        T(2.5),
+                        T(-2.5),
+                        T(3.5),
+                        inf,
+                        -inf,
+                        std::numeric_limits<T>::quiet_NaN(),
+                        std::numeric_limits<T>::denorm_min(),
+                        -std::numeric_limits<T>::min(),
+                        std::numeric_limits<T>::max(),
+                        T(2147483648.0),
+                        T(-2147483904.0),
+                        T(1e-30),
+                        T(65535.5),
+                        T(255.5),
+                        T(-32768.5)};
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> mantissa(-1.0, 1.0);
+    std::uniform_int_distribution<int> exponent(-40, 40);
+    while (v.size() < count) v.push_back(T(std::ldexp(mantissa(rng), exponent(rng))));
+    return v;
+}
+
+std::vector<int32_t> intSamples(size_t count, uint32_t seed) {
+    std::vector<int32_t> v = {0,
+                              1,
+                              -1,
+                              255,
+                              256,
+                              -256,
+                              65535,
+                              65536,
+                              -32768,
+                              -32769,
+                              32767,
+                              std::numeric_limits<int32_t>::min(),
+                              std::numeric_limits<int32_t>::max()};
+    std::mt19937 rng(seed);
+    while (v.size() < count) v.push_back(static_cast<int32_t>(rng()) >> (rng() % 31));
+    return v;
+}
+
+// Runs op on vectors of N lanes over the sample arrays (b rotated against a,
+// so that every pair of specials meets) and compares every lane with ref.
+template <class V, class T, class Op, class Ref>
+void expectLanes(const char* what, const std::vector<T>& a, Op op, Ref ref) {
+    constexpr int N = V::kLanes;
+    for (size_t shift = 0; shift < a.size(); shift += 7) {
+        for (size_t i = 0; i + N <= a.size(); i += N) {
+            alignas(64) T x[N], y[N];
+            for (int l = 0; l < N; ++l) {
+                x[l] = a[i + l];
+                y[l] = a[(i + l + shift) % a.size()];
+            }
+            const auto out = op(V::load(x), V::load(y));
+            alignas(64) std::remove_cvref_t<decltype(ref(x[0], y[0]))> lanes[N];
+            store(lanes, out);
+            for (int l = 0; l < N; ++l) {
+                const auto want = ref(x[l], y[l]);
+                ASSERT_EQ(bits(lanes[l]), bits(want))
+                    << what << " at width " << N << " of " << x[l] << ", " << y[l];
+            }
+        }
+    }
+}
+
+template <class V>
+void checkFloatLanes() {
+    using T = std::remove_cvref_t<decltype(firstLane(V()))>;
+    const std::vector<T> s = samples<T>(160, 7);
+    auto mask = [](bool c) {
+        if constexpr (sizeof(T) == 4) {
+            return floatFromBits(c ? 0xFFFFFFFFu : 0u);
+        } else {
+            const uint64_t b = c ? ~uint64_t{0} : 0;
+            double d;
+            std::memcpy(&d, &b, 8);
+            return d;
+        }
+    };
+    expectLanes<V>(
+        "+", s, [](V a, V b) { return a + b; }, [](T a, T b) { return a + b; });
+    expectLanes<V>(
+        "-", s, [](V a, V b) { return a - b; }, [](T a, T b) { return a - b; });
+    expectLanes<V>(
+        "*", s, [](V a, V b) { return a * b; }, [](T a, T b) { return a * b; });
+    expectLanes<V>(
+        "/", s, [](V a, V b) { return a / b; }, [](T a, T b) { return a / b; });
+    expectLanes<V>(
+        "sqrt", s, [](V a, V) { return sqrt(a); }, [](T a, T) { return std::sqrt(a); });
+    // The processor's min and max return the second operand unless the first is smaller.
+    expectLanes<V>(
+        "min", s, [](V a, V b) { return min(a, b); }, [](T a, T b) { return a < b ? a : b; });
+    expectLanes<V>(
+        "max", s, [](V a, V b) { return max(a, b); }, [](T a, T b) { return a > b ? a : b; });
+    expectLanes<V>(
+        "abs", s, [](V a, V) { return abs(a); }, [](T a, T) { return std::fabs(a); });
+    expectLanes<V>(
+        "neg", s, [](V a, V) { return -a; }, [](T a, T) { return -a; });
+    expectLanes<V>(
+        "<", s, [](V a, V b) { return a < b; }, [&](T a, T b) { return mask(a < b); });
+    expectLanes<V>(
+        "<=", s, [](V a, V b) { return a <= b; }, [&](T a, T b) { return mask(a <= b); });
+    expectLanes<V>(
+        ">", s, [](V a, V b) { return a > b; }, [&](T a, T b) { return mask(a > b); });
+    expectLanes<V>(
+        ">=", s, [](V a, V b) { return a >= b; }, [&](T a, T b) { return mask(a >= b); });
+    expectLanes<V>(
+        "==", s, [](V a, V b) { return a == b; }, [&](T a, T b) { return mask(a == b); });
+    expectLanes<V>(
+        "!=", s, [](V a, V b) { return a != b; }, [&](T a, T b) { return mask(a != b); });
+    expectLanes<V>(
+        "select", s, [](V a, V b) { return select(a < b, a, b); },
+        [](T a, T b) { return a < b ? a : b; });
+    expectLanes<V>(
+        "andNot", s, [](V a, V b) { return andNot(a < b, b); },
+        [](T a, T b) { return a < b ? T(0) : b; });
+    // laneBits and the any/all tests read the masks lane by lane.
+    const V lo = V::loadu(s.data()), hi = V::loadu(s.data() + V::kLanes);
+    int want = 0;
+    for (int l = 0; l < V::kLanes; ++l) want |= (s[l] < s[V::kLanes + l]) << l;
+    EXPECT_EQ(laneBits(lo < hi), want);
+    EXPECT_EQ(anyLane(lo < hi), want != 0);
+    EXPECT_TRUE(allLanes(V(T(1)) > V(T(0))));
+    EXPECT_FALSE(anyLane(V(T(1)) < V(T(0))));
+}
+
+template <int N>
+void checkIntLanes() {
+    using V = I32<N>;
+    const std::vector<int32_t> s = intSamples(160, 11);
+    using U = uint32_t;
+    auto mask = [](bool c) { return c ? int32_t(-1) : int32_t(0); };
+    expectLanes<V>(
+        "+", s, [](V a, V b) { return a + b; },
+        [](int32_t a, int32_t b) { return int32_t(U(a) + U(b)); });
+    expectLanes<V>(
+        "-", s, [](V a, V b) { return a - b; },
+        [](int32_t a, int32_t b) { return int32_t(U(a) - U(b)); });
+    expectLanes<V>(
+        "mulWrap", s, [](V a, V b) { return mulWrap(a, b); },
+        [](int32_t a, int32_t b) { return int32_t(U(a) * U(b)); });
+    expectLanes<V>(
+        "min", s, [](V a, V b) { return min(a, b); },
+        [](int32_t a, int32_t b) { return std::min(a, b); });
+    expectLanes<V>(
+        "max", s, [](V a, V b) { return max(a, b); },
+        [](int32_t a, int32_t b) { return std::max(a, b); });
+    expectLanes<V>(
+        ">", s, [](V a, V b) { return a > b; }, [&](int32_t a, int32_t b) { return mask(a > b); });
+    expectLanes<V>(
+        "<", s, [](V a, V b) { return a < b; }, [&](int32_t a, int32_t b) { return mask(a < b); });
+    expectLanes<V>(
+        "==", s, [](V a, V b) { return a == b; },
+        [&](int32_t a, int32_t b) { return mask(a == b); });
+    expectLanes<V>(
+        "select", s, [](V a, V b) { return select(a > b, a, b); },
+        [](int32_t a, int32_t b) { return std::max(a, b); });
+    expectLanes<V>(
+        "bits", s, [](V a, V b) { return (a & b) | andNot(a, b ^ a); },
+        [](int32_t a, int32_t b) { return (a & b) | (~a & (b ^ a)); });
+    expectLanes<V>(
+        "shifts", s,
+        [](V a, V) { return shiftLeft<3>(a) ^ shiftRightLogical<5>(a) ^ shiftRightArith<7>(a); },
+        [](int32_t a, int32_t) { return int32_t((U(a) << 3) ^ (U(a) >> 5)) ^ (a >> 7); });
+}
+
+// Conversions, widening loads and saturating stores at width N.
+template <int N>
+void checkConversions() {
+    using F = F32<N>;
+    const std::vector<float> s = samples<float>(160, 13);
+    auto x86Int = [](double v, bool trunc) {
+        const double r = trunc ? std::trunc(v) : std::nearbyint(v);
+        return (r >= -2147483648.0 && r < 2147483648.0) ? int32_t(r)
+                                                        : std::numeric_limits<int32_t>::min();
+    };
+    expectLanes<F>(
+        "truncToInt", s, [](F a, F) { return truncToInt(a); },
+        [&](float a, float) { return x86Int(a, true); });
+    expectLanes<F>(
+        "roundToInt", s, [](F a, F) { return roundToInt(a); },
+        [&](float a, float) { return x86Int(a, false); });
+    expectLanes<F>(
+        "toFloat(asInt)", s, [](F a, F) { return toFloat(asInt(a) & I32<N>(0xFFFFFF)); },
+        [](float a, float) { return float(int32_t(bitsOf(a) & 0xFFFFFF)); });
+    expectLanes<F>(
+        "narrow(widen)", s, [](F a, F b) { return narrow(widen(a) * widen(b)); },
+        [](float a, float b) { return float(double(a) * double(b)); });
+    expectLanes<F>(
+        "truncToInt(double)", s, [](F a, F b) { return truncToInt(widen(a) * widen(b)); },
+        [&](float a, float b) { return x86Int(double(a) * double(b), true); });
+    expectLanes<F>(
+        "toDouble", s, [](F a, F) { return narrow(toDouble(truncToInt(a)) * F64<N>(0.5)); },
+        [&](float a, float) { return float(double(x86Int(a, true)) * 0.5); });
+    // The refined approximations: every lane as the one-lane form, and close
+    // to the exact value.
+    expectLanes<F>(
+        "reciprocalRefined", s, [](F a, F) { return reciprocalRefined(a); },
+        [](float a, float) { return reciprocalRefined(a); });
+    expectLanes<F>(
+        "rsqrtRefined", s, [](F a, F) { return rsqrtRefined(a); },
+        [](float a, float) { return rsqrtRefined(a); });
+    for (float x : {1.0f, 3.0f, 0.1f, 7.5e-3f, 1234.5f}) {
+        EXPECT_NEAR(reciprocalRefined(x) * x, 1.0f, 1e-6f) << x;
+        EXPECT_NEAR(rsqrtRefined(x) * std::sqrt(x), 1.0f, 1e-6f) << x;
+    }
+
+    // Widening loads read exactly N elements; saturating stores write exactly N.
+    std::mt19937 rng(5);
+    alignas(64) uint8_t u8[N + 1];
+    alignas(64) uint16_t u16[N + 1];
+    alignas(64) int16_t i16[N + 1];
+    for (int l = 0; l <= N; ++l) {
+        u8[l] = uint8_t(rng());
+        u16[l] = uint16_t(rng());
+        i16[l] = int16_t(rng());
+    }
+    alignas(64) int32_t w[3][N];
+    store(w[0], loadWidenU8<N>(u8));
+    store(w[1], loadWidenU16<N>(u16));
+    store(w[2], loadWidenI16<N>(i16));
+    alignas(64) float f[N];
+    store(f, loadAsFloat<N>(i16));
+    for (int l = 0; l < N; ++l) {
+        EXPECT_EQ(w[0][l], u8[l]);
+        EXPECT_EQ(w[1][l], u16[l]);
+        EXPECT_EQ(w[2][l], i16[l]);
+        EXPECT_EQ(f[l], float(i16[l]));
+    }
+    const std::vector<int32_t> ints = intSamples(8 * N, 17);
+    for (size_t i = 0; i + N <= ints.size(); i += N) {
+        const I32<N> v = I32<N>::loadu(ints.data() + i);
+        uint8_t o8[N + 1];
+        uint16_t o16[N + 1];
+        int16_t os16[N + 1];
+        o8[N] = 0xAB;
+        o16[N] = 0xABCD;
+        os16[N] = 0x1234;
+        storeSaturated(o8, v);
+        storeSaturated(o16, v);
+        storeSaturated(os16, v);
+        for (int l = 0; l < N; ++l) {
+            const int64_t x = ints[i + l];
+            EXPECT_EQ(o8[l], std::clamp<int64_t>(x, 0, 255)) << x;
+            EXPECT_EQ(o16[l], std::clamp<int64_t>(x, 0, 65535)) << x;
+            EXPECT_EQ(os16[l], std::clamp<int64_t>(x, -32768, 32767)) << x;
+        }
+        EXPECT_EQ(o8[N], 0xAB);
+        EXPECT_EQ(o16[N], 0xABCD);
+        EXPECT_EQ(os16[N], 0x1234);
+    }
+
+    // Gathers read base[index] per lane.
+    std::vector<float> table(1000);
+    for (size_t k = 0; k < table.size(); ++k) table[k] = float(k) * 0.25f;
+    alignas(64) int32_t idx[N];
+    for (int l = 0; l < N; ++l) idx[l] = int32_t(rng() % table.size());
+    store(f, gather(table.data(), I32<N>::load(idx)));
+    for (int l = 0; l < N; ++l) EXPECT_EQ(f[l], table[idx[l]]);
+    store(f, F::ramp());
+    for (int l = 0; l < N; ++l) EXPECT_EQ(f[l], float(l));
+}
+
+class Simd : public ::testing::Test {
+ protected:
+    void SetUp() override {
+        if (!targetRuns()) GTEST_SKIP() << "this processor lacks the instruction set of this build";
+    }
+};
+
+TEST_F(Simd, FloatAndDoubleLanesAreTheScalarOperations) {
+    checkFloatLanes<F32<4>>();
+    checkFloatLanes<F64<2>>();
+    checkFloatLanes<Vf>();
+    checkFloatLanes<Vd>();
+}
+
+TEST_F(Simd, IntegerLanesWrapAsTwosComplement) {
+    checkIntLanes<4>();
+    checkIntLanes<kLanes>();
+}
+
+TEST_F(Simd, ConversionsLoadsAndStoresFollowTheProcessorRules) {
+    checkConversions<4>();
+    checkConversions<kLanes>();
+}
+
+TEST_F(Simd, FourLaneReductionsAndShufflesHaveOneOrder) {
+    const float a[4] = {1e8f, 1.0f, -1e8f, 1.0f};
+    // ((a0 + a1) + (a2 + a3)): 1e8 + 1 rounds to 1e8 and -1e8 + 1 to -1e8.
+    EXPECT_EQ(sumLanes(F32<4>::loadu(a)), 0.0f);
+    alignas(16) float out[4];
+    store(out, pairwiseAdd(F32<4>::loadu(a), F32<4>(2.0f)));
+    EXPECT_EQ(out[0], 1e8f + 1.0f);
+    EXPECT_EQ(out[2], 4.0f);
+    F32<4> r[4];
+    for (int k = 0; k < 4; ++k)
+        r[k] = F32<4>::of(4.0f * k, 4.0f * k + 1, 4.0f * k + 2, 4.0f * k + 3);
+    transpose(r[0], r[1], r[2], r[3]);
+    for (int k = 0; k < 4; ++k) {
+        store(out, r[k]);
+        for (int j = 0; j < 4; ++j) EXPECT_EQ(out[j], 4.0f * j + k);
+    }
+    const float p[4] = {1, 2, 3, 4}, q[2] = {5, 6};
+    store(out, evenLanes(loadTwoPairs(p, q), loadTwoPairs(p + 2, p)));
+    EXPECT_EQ(out[0], 1.0f);
+    EXPECT_EQ(out[1], 5.0f);
+    EXPECT_EQ(out[2], 3.0f);
+    EXPECT_EQ(out[3], 1.0f);
+    store(out, broadcastLane<2>(F32<4>::loadu(p)));
+    EXPECT_EQ(out[3], 3.0f);
+}
+
+}  // namespace
