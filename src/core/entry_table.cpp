@@ -42,11 +42,6 @@ namespace qelr::frame {
 
 namespace {
 
-constexpr std::string_view kExportNames[] = {
-#define QELR_EXPORT(name) #name,
-#include "core/exports.inc"
-#undef QELR_EXPORT
-};
 static_assert(std::is_sorted(std::begin(kExportNames), std::end(kExportNames)),
               "exports.inc must list the exports in alphabetical order");
 static_assert(std::adjacent_find(std::begin(kExportNames), std::end(kExportNames)) ==
@@ -94,6 +89,10 @@ Isa chooseIsa(uint64_t features, const char* request) {
     const bool avx2 = (features & (QEL_CPU_AVX | QEL_CPU_AVX2)) == (QEL_CPU_AVX | QEL_CPU_AVX2);
     if (request != nullptr && std::strcmp(request, "sse3") == 0) return Isa::sse3;
     return avx2 ? Isa::avx2 : Isa::sse3;
+}
+
+bool isaRuns(Isa isa) {
+    return isa == Isa::sse3 || chooseIsa(qelGetEnabledCpuFeatures(), nullptr) == Isa::avx2;
 }
 
 const Entry* entriesOf(Isa isa) { return isa == Isa::avx2 ? kAvx2Entries : kSse3Entries; }

@@ -1,10 +1,11 @@
 // The load-time choice of the instruction-set variant.
 #include <gtest/gtest.h>
+#include <qelcore.h>
+#include <qelr.h>
 
 #include <cstdlib>
-#include <cstring>
 
-#include "variants.h"
+#include "core/dispatch.h"
 
 namespace {
 
@@ -22,16 +23,16 @@ TEST(Dispatch, ChoosesAvx2OnlyWhenOfferedAndNotRefused) {
 }
 
 TEST(Dispatch, TableHoldsTheVariantChosenAtLoad) {
-    const char* request = std::getenv("QELR_CPU");
-    const Isa expected = qelr::frame::chooseIsa(qelGetEnabledCpuFeatures(), request);
+    const Isa expected =
+        qelr::frame::chooseIsa(qelGetEnabledCpuFeatures(), std::getenv("QELR_CPU"));
     EXPECT_EQ(qelr::frame::activeIsa(), expected);
     const qelr::frame::Entry* chosen = qelr::frame::entriesOf(expected);
-    for (size_t i = 0; i < std::size(qelr_test::kExportNames); ++i) {
-        EXPECT_EQ(qelr::frame::activeEntries()[i], chosen[i]) << qelr_test::kExportNames[i];
+    for (size_t i = 0; i < std::size(qelr::frame::kExportNames); ++i) {
+        EXPECT_EQ(qelr::frame::activeEntries()[i], chosen[i]) << qelr::frame::kExportNames[i];
         // Every export has two distinct variants.
         EXPECT_NE(qelr::frame::entriesOf(Isa::sse3)[i], qelr::frame::entriesOf(Isa::avx2)[i]);
     }
-    // The public entry reaches the chosen variant.
+    // The public entry reaches the chosen variant; both answer with one record.
     EXPECT_EQ(qelrGetLibVersion(), QELR_VARIANT(expected, qelrGetLibVersion)());
     EXPECT_EQ(QELR_VARIANT(Isa::sse3, qelrGetLibVersion)(),
               QELR_VARIANT(Isa::avx2, qelrGetLibVersion)());
