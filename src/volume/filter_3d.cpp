@@ -158,9 +158,12 @@ void filterPlanes(const FilterJob& job, int32_t zBegin, int32_t zEnd, float* acc
             for (int32_t r = 0; r < kd; ++r) {
                 for (int32_t q = 0; q < kh; ++q) {
                     // s[i - p] is the source element of tap p for destination i.
-                    const int16_t* s = rowOfPV(job.src, job.srcRowStep, y + job.anchor.y - q,
-                                               z + job.anchor.z - r) +
-                                       job.anchor.x;
+                    // The anchor may move the row and plane past the 32-bit
+                    // range: they are formed in 64 bits.
+                    const int16_t* s =
+                        rowOfPV(job.src, job.srcRowStep, int64_t{y} + job.anchor.y - q,
+                                int64_t{z} + job.anchor.z - r) +
+                        job.anchor.x;
                     const int32_t* k = job.kernel + (int64_t(r) * kh + q) * kw;
                     if (kw == 3) {
                         accumulateKernelRow<3>(acc, s, k, kw, width);

@@ -63,21 +63,21 @@ inline int degradeModeForSource(int mode, const QelVolumeSize& s) {
 inline int32_t truncToInt32(double v) { return _mm_cvttsd_si32(_mm_set_sd(v)); }
 
 // ---------------------------------------------------------------------------
-// Addressing. Steps are in bytes and may be negative.
+// Addressing. Steps are in bytes and may be negative. Coordinates are taken
+// in 64 bits: a box may start near INT32_MAX and reach past it, and an
+// anchor may move a row index beyond the 32-bit range; the caller's pointers
+// then address those elements, and the arithmetic must not wrap.
 
 template <class T>
-inline T* rowOfV(T* base, int rowStep, int planeStep, int y, int z) {
+inline T* rowOfV(T* base, int rowStep, int planeStep, ptrdiff_t y, ptrdiff_t z) {
     using Byte = std::conditional_t<std::is_const_v<T>, const uint8_t, uint8_t>;
-    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) +
-                                static_cast<ptrdiff_t>(z) * planeStep +
-                                static_cast<ptrdiff_t>(y) * rowStep);
+    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + (z * planeStep + y * rowStep));
 }
 
 template <class T>
-inline T* rowOfPV(T* const* planes, int rowStep, int y, int z) {
+inline T* rowOfPV(T* const* planes, int rowStep, ptrdiff_t y, ptrdiff_t z) {
     using Byte = std::conditional_t<std::is_const_v<T>, const uint8_t, uint8_t>;
-    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(planes[z]) +
-                                static_cast<ptrdiff_t>(y) * rowStep);
+    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(planes[z]) + y * rowStep);
 }
 
 // ---------------------------------------------------------------------------

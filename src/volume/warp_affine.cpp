@@ -76,7 +76,8 @@ struct WarpJob {
     double inv[3][4];
 };
 
-// A row routine walks destination elements [xBegin, xEnd) of one row: `p`
+// A row routine walks destination elements [xBegin, xEnd) of one row,
+// counted from the cuboid's first x (`out` points at that element): `p`
 // holds the back-mapped position of element xBegin on entry and is advanced
 // by the first column of the inverse per element (positions along a row are
 // accumulated by addition, never recomputed).
@@ -255,22 +256,25 @@ void warpPlanes(const WarpJob<T>& job, RowRoutine<T> row, const QelBox3D& dstBox
                 int32_t zEnd) {
     const double(&d)[3][4] = job.inv;
     const double x0 = dstBox.x;
-    const int32_t xEnd = dstBox.x + dstBox.width;
+    const int32_t width = dstBox.width;
     for (int32_t k = zBegin; k < zEnd; ++k) {
-        const int32_t z = dstBox.z + k;
+        // The cuboid may end past INT32_MAX: its coordinates are formed in 64
+        // bits so that every element the caller named is handled.
+        const int64_t z = int64_t{dstBox.z} + k;
         for (int32_t band = 0; band < dstBox.height; band += kBandRows) {
             const int32_t rows = std::min(kBandRows, dstBox.height - band);
             double pos[kBandRows][3];
             T* out[kBandRows];
             for (int32_t r = 0; r < rows; ++r) {
-                const int32_t y = dstBox.y + band + r;
+                const int64_t y = int64_t{dstBox.y} + band + r;
                 for (int a = 0; a < 3; ++a) {
-                    pos[r][a] = d[a][0] * x0 + d[a][1] * y + d[a][2] * z + d[a][3];
+                    pos[r][a] = d[a][0] * x0 + d[a][1] * static_cast<double>(y) +
+                                d[a][2] * static_cast<double>(z) + d[a][3];
                 }
-                out[r] = rowOfPV(job.dst, job.dstRowStep, y, z);
+                out[r] = rowOfPV(job.dst, job.dstRowStep, y, z) + dstBox.x;
             }
-            for (int32_t xs = dstBox.x; xs < xEnd; xs += std::min(kSegment, xEnd - xs)) {
-                const int32_t xe = xs + std::min(kSegment, xEnd - xs);
+            for (int32_t xs = 0; xs < width; xs += std::min(kSegment, width - xs)) {
+                const int32_t xe = xs + std::min(kSegment, width - xs);
                 for (int32_t r = 0; r < rows; ++r) row(job, out[r], xs, xe, pos[r]);
             }
         }
