@@ -50,6 +50,19 @@ def _as_volume(x, dtypes, what="volume"):
     return x
 
 
+# Tasks call these, not the extension's functions, which do not pickle.
+def _resize_block(*args):
+    return _core._resize_block(*args)
+
+
+def _warp_block(*args):
+    return _core._warp_block(*args)
+
+
+def _convolve_block(*args):
+    return _core._convolve_block(*args)
+
+
 def _starts(chunks):
     return [list(np.cumsum((0,) + tuple(c))) for c in chunks]
 
@@ -132,7 +145,7 @@ def resize(volume, scale, *, mode="linear", offset=(0, 0, 0)):
                          x.shape[a])
             lo.append(r[0])
             hi.append(r[1])
-        layer[(name,) + idx] = (_core._resize_block, _region_task(x, starts, lo, hi), tuple(lo),
+        layer[(name,) + idx] = (_resize_block, _region_task(x, starts, lo, hi), tuple(lo),
                                 x.shape, scale, offset, mode, tuple(box_lo) + tuple(box_n))
     return _array(name, layer, [x], chunks, x.dtype)
 
@@ -229,7 +242,7 @@ def affine_transform(volume, matrix, offset=0.0, *, output_shape=None, mode="lin
             r = _clamped(math.floor(v.min()) - 1, math.floor(v.max()) + 2, x.shape[a])
             lo.append(r[0])
             hi.append(r[1])
-        layer[(slab, i, j)] = (_core._warp_block, _region_task(x, starts, lo, hi), tuple(lo),
+        layer[(slab, i, j)] = (_warp_block, _region_task(x, starts, lo, hi), tuple(lo),
                                x.shape, coeffs.tolist(), (z0, y0, 0, dz, dy, shape[2]), mode, cval)
         for k in range(len(chunks[2])):
             cut = (slice(None), slice(None), slice(out_starts[2][k], out_starts[2][k + 1]))
@@ -256,6 +269,6 @@ def convolve(volume, weights, *, divisor=1, mode="reflect", cval=0):
         reach = _core._convolve_reach(x.shape, w.shape, mode, box)
         lo = [r[0] for r in reach]
         hi = [r[1] + 1 for r in reach]
-        layer[(name,) + idx] = (_core._convolve_block, _region_task(x, starts, lo, hi), tuple(lo),
+        layer[(name,) + idx] = (_convolve_block, _region_task(x, starts, lo, hi), tuple(lo),
                                 x.shape, w, divisor, mode, cval, box)
     return _array(name, layer, [x], x.chunks, np.int16)

@@ -48,9 +48,11 @@ auto withoutGil(Fn&& fn) {
 // The name of a dtype as numpy prints it ("float32").
 std::string dtypeName(const py::array& a);
 
+// Compared by type number: equal dtypes need not be the same object (an
+// unpickled array's is not).
 template <class T>
 bool hasDtype(const py::array& a) {
-    return a.dtype().is(py::dtype::of<T>());
+    return a.dtype().num() == py::dtype::of<T>().num() && a.dtype().byteorder() != '>';
 }
 
 // An ndarray (no conversion); anything else is a TypeError naming `what`.
