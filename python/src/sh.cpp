@@ -169,14 +169,11 @@ py::array reconstruct(py::handle coeffsObj, py::handle directions, const std::st
 }  // namespace
 
 void bindSH(py::module_& m) {
-    using namespace pybind11::literals;
-    py::module_ sh = m.def_submodule("sh", "Real spherical harmonics");
-    sh.def("basis", &basis, "directions"_a, "order"_a, py::kw_only(), "method"_a = "direct");
-    sh.def("band", &band, "directions"_a, "l"_a);
-    sh.def("project", &project, "directions"_a, "values"_a, "order"_a, py::kw_only(),
-           "method"_a = "direct");
-    sh.def("reconstruct", &reconstruct, "coeffs"_a, "directions"_a, py::kw_only(),
-           "method"_a = "direct");
+    // Positional: qelr.sh gives the interface.
+    m.def("sh_basis", &basis);
+    m.def("sh_band", &band);
+    m.def("sh_project", &project);
+    m.def("sh_reconstruct", &reconstruct);
 }
 
 }  // namespace qelr::py_ext

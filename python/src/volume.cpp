@@ -639,15 +639,11 @@ py::tuple convolveReach(std::array<int64_t, 3> shape, std::array<int64_t, 3> ker
 }  // namespace
 
 void bindVolume(py::module_& m) {
-    using namespace pybind11::literals;
-    m.def("resize", &resize, "volume"_a, "scale"_a, py::kw_only(), "mode"_a = "linear",
-          "offset"_a = py::make_tuple(0, 0, 0));
-    m.def("map_coordinates", &mapCoordinates, "volume"_a, "coordinates"_a, py::kw_only(),
-          "mode"_a = "linear", "cval"_a = 0.0);
-    m.def("affine_transform", &affineTransform, "volume"_a, "matrix"_a, "offset"_a = 0.0,
-          py::kw_only(), "output_shape"_a = py::none(), "mode"_a = "linear", "cval"_a = 0.0);
-    m.def("convolve", &convolve, "volume"_a, "weights"_a, py::kw_only(), "divisor"_a = 1,
-          "mode"_a = "reflect", "cval"_a = 0.0);
+    // Positional: the package's Python functions give the interface.
+    m.def("resize", &resize);
+    m.def("map_coordinates", &mapCoordinates);
+    m.def("affine_transform", &affineTransform);
+    m.def("convolve", &convolve);
     // Block forms for qelr.dask.
     m.def("_resize_shape", &resizeShape);
     m.def("_resize_block", &resizeBlock);
