@@ -552,6 +552,15 @@ py::array filterBox(const FilterJob& j, const QelBox3D& box) {
         const std::size_t rowLen = static_cast<std::size_t>(ext[0]);
         const std::size_t planeLen = rowLen * static_cast<std::size_t>(ext[1]);
         std::unique_ptr<int16_t[]> padded(new int16_t[planeLen * static_cast<std::size_t>(ext[2])]);
+        // The longest run of consecutive elements along x is copied whole.
+        std::size_t runFirst = 0, runLength = 0;
+        for (std::size_t x = 0, first = 0; x < rowLen; ++x) {
+            if (x > 0 && (index[0][x] < 0 || index[0][x] != index[0][x - 1] + 1)) first = x;
+            if (index[0][first] >= 0 && x + 1 - first > runLength) {
+                runFirst = first;
+                runLength = x + 1 - first;
+            }
+        }
         const auto* base = static_cast<const uint8_t*>(s.data.data());
         for (int64_t z = 0; z < ext[2]; ++z) {
             for (int64_t y = 0; y < ext[1]; ++y) {
@@ -563,9 +572,10 @@ py::array filterBox(const FilterJob& j, const QelBox3D& box) {
                 }
                 const auto* in = reinterpret_cast<const int16_t*>(base + iz * s.data.strides(0) +
                                                                   iy * s.data.strides(1));
-                for (std::size_t x = 0; x < rowLen; ++x) {
-                    const int64_t ix = index[0][x];
-                    row[x] = ix < 0 ? j.cval : in[ix];
+                for (std::size_t x = 0; x < runFirst; ++x) row[x] = index[0][x] < 0 ? j.cval : in[index[0][x]];
+                std::memcpy(row + runFirst, in + index[0][runFirst], runLength * sizeof(int16_t));
+                for (std::size_t x = runFirst + runLength; x < rowLen; ++x) {
+                    row[x] = index[0][x] < 0 ? j.cval : in[index[0][x]];
                 }
             }
         }
