@@ -59,8 +59,8 @@ def _warp_block(*args):
     return _core._warp_block(*args)
 
 
-def _convolve_block(*args):
-    return _core._convolve_block(*args)
+def _convolve_mapped(*args):
+    return _core._convolve_mapped(*args)
 
 
 def _starts(chunks):
@@ -68,36 +68,44 @@ def _starts(chunks):
 
 
 def _assemble(shape, dtype, placements, blocks):
-    """The region `shape` made of pieces of input blocks."""
+    """The region `shape` made of pieces of input blocks; a piece's source
+    indices are slices, or index arrays where the region skips elements."""
     out = np.empty(shape, dtype)
     for (dst, src), block in zip(placements, blocks):
+        if any(isinstance(i, np.ndarray) for i in src):
+            src = np.ix_(*[np.arange(i.start, i.stop) if isinstance(i, slice) else i for i in src])
         out[dst] = block[src]
     return out
 
 
-def _region_task(x, starts, lo, hi):
-    """A task giving x[lo[0]:hi[0], lo[1]:hi[1], lo[2]:hi[2]] from x's blocks."""
-    ranges = []
+def _gather_task(x, starts, elements):
+    """A task giving x[np.ix_(*elements)] from x's blocks, for sorted lists
+    of elements per axis (contiguous runs become slices)."""
+    pieces = []
     for a in range(3):
-        s = starts[a]
-        first = int(np.searchsorted(s, lo[a], side="right")) - 1
-        last = int(np.searchsorted(s, hi[a], side="left")) - 1
-        ranges.append(range(first, last + 1))
+        u, s, axis = elements[a], starts[a], []
+        for i in range(len(s) - 1):
+            p0, p1 = np.searchsorted(u, s[i]), np.searchsorted(u, s[i + 1])
+            if p1 > p0:
+                src = u[p0:p1] - s[i]
+                if src[-1] - src[0] == p1 - p0 - 1:
+                    src = slice(int(src[0]), int(src[-1]) + 1)
+                axis.append((i, slice(int(p0), int(p1)), src))
+        pieces.append(axis)
     placements, keys = [], []
-    for idx in product(*ranges):
-        dst, src = [], []
-        for a, i in enumerate(idx):
-            b0, b1 = starts[a][i], starts[a][i + 1]
-            c0, c1 = max(b0, lo[a]), min(b1, hi[a])
-            dst.append(slice(c0 - lo[a], c1 - lo[a]))
-            src.append(slice(c0 - b0, c1 - b0))
-        placements.append((tuple(dst), tuple(src)))
-        keys.append((x.name,) + idx)
-    if len(keys) == 1 and all(src == slice(0, starts[a][i + 1] - starts[a][i])
+    for combo in product(*pieces):
+        placements.append((tuple(c[1] for c in combo), tuple(c[2] for c in combo)))
+        keys.append((x.name,) + tuple(c[0] for c in combo))
+    if len(keys) == 1 and all(isinstance(src, slice) and src == slice(0, starts[a][i + 1] - starts[a][i])
                               for a, (src, i) in enumerate(zip(placements[0][1], keys[0][1:]))):
         return keys[0]  # exactly one input block
-    shape = tuple(int(h - l) for l, h in zip(lo, hi))
+    shape = tuple(len(u) for u in elements)
     return (_assemble, shape, x.dtype, tuple(placements), keys)
+
+
+def _region_task(x, starts, lo, hi):
+    """A task giving x[lo[0]:hi[0], lo[1]:hi[1], lo[2]:hi[2]] from x's blocks."""
+    return _gather_task(x, starts, [np.arange(l, h) for l, h in zip(lo, hi)])
 
 
 def _clamped(lo, hi, n):
@@ -266,9 +274,11 @@ def convolve(volume, weights, *, divisor=1, mode="reflect", cval=0):
     for idx in product(*(range(len(c)) for c in x.chunks)):
         box = tuple(starts[a][i] for a, i in enumerate(idx)) + tuple(
             x.chunks[a][i] for a, i in enumerate(idx))
-        reach = _core._convolve_reach(x.shape, w.shape, mode, box)
-        lo = [r[0] for r in reach]
-        hi = [r[1] + 1 for r in reach]
-        layer[(name,) + idx] = (_convolve_block, _region_task(x, starts, lo, hi), tuple(lo),
-                                x.shape, w, divisor, mode, cval, box)
+        # The elements the block's padded source reads (a wrapped border
+        # reads the far end of an axis: the region skips what lies between).
+        reads = _core._convolve_indices(x.shape, w.shape, mode, box)
+        elements = [np.unique(r[r >= 0]) for r in reads]
+        maps = [np.where(r >= 0, np.searchsorted(u, r), -1) for r, u in zip(reads, elements)]
+        layer[(name,) + idx] = (_convolve_mapped, _gather_task(x, starts, elements), *maps, w,
+                                divisor, cval)
     return _array(name, layer, [x], x.chunks, np.int16)

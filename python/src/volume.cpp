@@ -515,39 +515,38 @@ py::array_t<int32_t> kernelOf(py::handle weights) {
 }
 
 struct FilterJob {
-    Source src;
+    py::array region;  // int16 [z, y, x], rows contiguous
     py::array_t<int32_t> kernel;
     int divisor;
-    Border border;
     int16_t cval;
 };
 
-// Filters the box (x, y, z, w, h, d) of the whole output: the source
-// positions the kernel reaches are gathered, through the border rule, into
-// a padded block, which the library filters.
-py::array filterBox(const FilterJob& j, const QelBox3D& box) {
-    const Source& s = j.src;
+// Per axis (x, y, z), the region element that each position of the padded
+// block reads, -1 for the constant: the block and the kernel's reach.
+using IndexMaps = std::array<std::vector<int64_t>, 3>;
+
+// Filters the block whose padded source the maps describe: the elements are
+// gathered into a padded block, which the library filters.
+py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
+    const py::array& s = j.region;
     const int32_t kw = static_cast<int32_t>(j.kernel.shape(2));
     const int32_t kh = static_cast<int32_t>(j.kernel.shape(1));
     const int32_t kd = static_cast<int32_t>(j.kernel.shape(0));
     const QelOffset3D anchor{kw / 2, kh / 2, kd / 2};
-    const int64_t ext[3] = {box.width + kw - 1LL, box.height + kh - 1LL, box.depth + kd - 1LL};
-    const int64_t start[3] = {box.x - (kw - 1LL - anchor.x), box.y - (kh - 1LL - anchor.y),
-                              box.z - (kd - 1LL - anchor.z)};
-    const int64_t whole[3] = {s.whole.width, s.whole.height, s.whole.depth};
-    // Per axis, the region element read by each padded position (-1: cval).
-    std::vector<int64_t> index[3];
+    const int64_t ext[3] = {static_cast<int64_t>(index[0].size()),
+                            static_cast<int64_t>(index[1].size()),
+                            static_cast<int64_t>(index[2].size())};
+    const int64_t k[3] = {kw, kh, kd};
     for (int a = 0; a < 3; ++a) {
-        const int64_t lo = s.origin[a], hi = lo + s.data.shape(2 - a);
-        index[a].resize(static_cast<std::size_t>(ext[a]));
-        for (int64_t i = 0; i < ext[a]; ++i) {
-            const int64_t e = borderIndex(start[a] + i, whole[a], j.border);
-            if (e >= 0 && (e < lo || e >= hi)) valueError("region: misses elements the kernel reads");
-            index[a][i] = e < 0 ? -1 : e - lo;
+        if (ext[a] < k[a] || ext[a] > INT32_MAX) valueError("maps: wrong lengths for the kernel");
+        for (int64_t e : index[a]) {
+            if (e < -1 || e >= s.shape(2 - a)) valueError("maps: an index lies outside the region");
         }
-        if (ext[a] > INT32_MAX) valueError("volume: too large once padded");
     }
-    py::array_t<int16_t> out({box.depth, box.height, box.width});
+    const QelVolumeSize roi{static_cast<int32_t>(ext[0] - kw + 1),
+                            static_cast<int32_t>(ext[1] - kh + 1),
+                            static_cast<int32_t>(ext[2] - kd + 1)};
+    py::array_t<int16_t> out({roi.depth, roi.height, roi.width});
     const QelStatus st = withoutGil([&] {
         const std::size_t rowLen = static_cast<std::size_t>(ext[0]);
         const std::size_t planeLen = rowLen * static_cast<std::size_t>(ext[1]);
@@ -561,7 +560,7 @@ py::array filterBox(const FilterJob& j, const QelBox3D& box) {
                 runLength = x + 1 - first;
             }
         }
-        const auto* base = static_cast<const uint8_t*>(s.data.data());
+        const auto* base = static_cast<const uint8_t*>(s.data());
         for (int64_t z = 0; z < ext[2]; ++z) {
             for (int64_t y = 0; y < ext[1]; ++y) {
                 int16_t* row = padded.get() + z * planeLen + y * rowLen;
@@ -570,11 +569,14 @@ py::array filterBox(const FilterJob& j, const QelBox3D& box) {
                     std::fill(row, row + rowLen, j.cval);
                     continue;
                 }
-                const auto* in = reinterpret_cast<const int16_t*>(base + iz * s.data.strides(0) +
-                                                                  iy * s.data.strides(1));
-                for (std::size_t x = 0; x < runFirst; ++x) row[x] = index[0][x] < 0 ? j.cval : in[index[0][x]];
-                std::memcpy(row + runFirst, in + index[0][runFirst], runLength * sizeof(int16_t));
-                for (std::size_t x = runFirst + runLength; x < rowLen; ++x) {
+                const auto* in = reinterpret_cast<const int16_t*>(base + iz * s.strides(0) +
+                                                                  iy * s.strides(1));
+                for (std::size_t x = 0; x < rowLen; ++x) {
+                    if (x == runFirst && runLength > 0) {
+                        std::memcpy(row + x, in + index[0][x], runLength * sizeof(int16_t));
+                        x += runLength - 1;
+                        continue;
+                    }
                     row[x] = index[0][x] < 0 ? j.cval : in[index[0][x]];
                 }
             }
@@ -586,64 +588,78 @@ py::array filterBox(const FilterJob& j, const QelBox3D& box) {
         const std::size_t lead = static_cast<std::size_t>(kh - 1 - anchor.y) * rowLen +
                                  static_cast<std::size_t>(kw - 1 - anchor.x);
         for (std::size_t z = 0; z < src.size(); ++z) src[z] = padded.get() + z * planeLen + lead;
-        std::vector<int16_t*> dst(static_cast<std::size_t>(box.depth));
+        std::vector<int16_t*> dst(static_cast<std::size_t>(roi.depth));
         for (std::size_t z = 0; z < dst.size(); ++z) {
-            dst[z] = out.mutable_data() + z * static_cast<std::size_t>(box.height) * box.width;
+            dst[z] = out.mutable_data() + z * static_cast<std::size_t>(roi.height) * roi.width;
         }
-        const QelVolumeSize roi{box.width, box.height, box.depth}, ks{kw, kh, kd};
+        const QelVolumeSize ks{kw, kh, kd};
         int size = 0;
         const QelStatus q = qelrFilterGetBufSize(roi, ks, 1, &size);
         if (q != qelOk) return q;
         std::unique_ptr<uint8_t[]> buffer(new uint8_t[static_cast<std::size_t>(size)]);
         return qelrFilter_16s_C1PV(src.data() + below, static_cast<int>(rowLen * 2), dst.data(),
-                                   box.width * 2, roi, j.kernel.data(), ks, anchor, j.divisor,
+                                   roi.width * 2, roi, j.kernel.data(), ks, anchor, j.divisor,
                                    buffer.get());
     });
     checkStatus(st, "qelrFilter_16s_C1PV");
     return out;
 }
 
-FilterJob filterJob(Source s, py::handle weights, long long divisor, py::handle mode, double cval) {
-    if (!hasDtype<int16_t>(s.data)) typeError("volume: expected int16, got " + dtypeName(s.data));
+FilterJob filterJob(py::handle region, py::handle weights, long long divisor, double cval) {
+    py::array a = requireArray(region, "volume");
+    requireNdim(a, 3, "volume", "indexed [z, y, x]");
+    if (!hasDtype<int16_t>(a)) typeError("volume: expected int16, got " + dtypeName(a));
+    volumeSizeOf(a);
     if (divisor < INT_MIN || divisor > INT_MAX) valueError("divisor: must fit a 32-bit integer");
     if (!(cval >= -32768.0 && cval <= 32767.0) || cval != std::floor(cval)) {
         valueError("cval: expected an integer in the int16 range");
     }
-    return {std::move(s), kernelOf(weights), static_cast<int>(divisor), parseBorder(mode),
+    return {withContiguousRows(a), kernelOf(weights), static_cast<int>(divisor),
             static_cast<int16_t>(cval)};
+}
+
+// Per axis (x, y, z), the whole-volume element that each position of the
+// padded block of `box` reads under the border rule (-1 for the constant).
+IndexMaps borderMaps(const std::array<int64_t, 3>& shapeXyz, const std::array<int64_t, 3>& kXyz,
+                     Border border, const QelBox3D& box) {
+    const int64_t first[3] = {box.x, box.y, box.z}, count[3] = {box.width, box.height, box.depth};
+    IndexMaps maps;
+    for (int a = 0; a < 3; ++a) {
+        const int64_t k = kXyz[a], start = first[a] - (k - 1 - k / 2);
+        for (int64_t i = 0; i < count[a] + k - 1; ++i) {
+            maps[a].push_back(borderIndex(start + i, shapeXyz[a], border));
+        }
+    }
+    return maps;
 }
 
 py::array convolve(py::handle volume, py::handle weights, long long divisor, py::handle mode,
                    double cval) {
-    const FilterJob j = filterJob(wholeVolume(volume, "volume"), weights, divisor, mode, cval);
-    return filterBox(j, {0, 0, 0, j.src.whole.width, j.src.whole.height, j.src.whole.depth});
+    const FilterJob j = filterJob(volume, weights, divisor, cval);
+    const QelVolumeSize w = volumeSizeOf(j.region);
+    const Border border = parseBorder(mode);
+    return filterMapped(j, borderMaps({w.width, w.height, w.depth},
+                                      {j.kernel.shape(2), j.kernel.shape(1), j.kernel.shape(0)},
+                                      border, {0, 0, 0, w.width, w.height, w.depth}));
 }
 
-py::array convolveBlock(py::handle region, std::array<int64_t, 3> origin,
-                        std::array<int64_t, 3> shape, py::handle weights, long long divisor,
-                        py::handle mode, double cval, std::array<int64_t, 6> box) {
-    const FilterJob j = filterJob(regionOf(region, origin, shape), weights, divisor, mode, cval);
-    return filterBox(j, boxOf(box));
+// The whole-volume elements (z, y, x arrays) that the padded block of box
+// (z, y, x, d, h, w) reads.
+py::tuple convolveIndices(std::array<int64_t, 3> shape, std::array<int64_t, 3> kernel,
+                          py::handle mode, std::array<int64_t, 6> box) {
+    const IndexMaps maps = borderMaps({shape[2], shape[1], shape[0]}, {kernel[2], kernel[1], kernel[0]},
+                                      parseBorder(mode), boxOf(box));
+    return py::make_tuple(py::array(py::cast(maps[2])), py::array(py::cast(maps[1])),
+                          py::array(py::cast(maps[0])));
 }
 
-// The whole-volume positions (z, y, x ranges, inclusive) that a block of
-// the convolution reads, after the border rule.
-py::tuple convolveReach(std::array<int64_t, 3> shape, std::array<int64_t, 3> kernel,
-                        py::handle mode, std::array<int64_t, 6> box) {
-    const Border b = parseBorder(mode);
-    py::list ranges;
-    for (int a = 0; a < 3; ++a) {
-        const int64_t k = kernel[a], first = box[a] - (k - 1 - k / 2), count = box[3 + a] + k - 1;
-        int64_t lo = INT64_MAX, hi = -1;
-        for (int64_t i = first; i < first + count; ++i) {
-            const int64_t e = borderIndex(i, shape[a], b);
-            if (e < 0) continue;
-            lo = std::min(lo, e);
-            hi = std::max(hi, e);
-        }
-        ranges.append(py::make_tuple(hi < 0 ? 0 : lo, hi));
-    }
-    return py::tuple(ranges);
+// A block from a region and its maps (z, y, x: region element per padded
+// position, -1 for cval).
+py::array convolveMapped(py::handle region, std::vector<int64_t> mz, std::vector<int64_t> my,
+                         std::vector<int64_t> mx, py::handle weights, long long divisor,
+                         double cval) {
+    const FilterJob j = filterJob(region, weights, divisor, cval);
+    return filterMapped(j, {std::move(mx), std::move(my), std::move(mz)});
 }
 
 }  // namespace
@@ -660,8 +676,8 @@ void bindVolume(py::module_& m) {
     m.def("_remap_block", &remapBlock);
     m.def("_forward_transform", &forwardTransform);
     m.def("_warp_block", &warpBlock);
-    m.def("_convolve_block", &convolveBlock);
-    m.def("_convolve_reach", &convolveReach);
+    m.def("_convolve_indices", &convolveIndices);
+    m.def("_convolve_mapped", &convolveMapped);
 }
 
 }  // namespace qelr::py_ext
