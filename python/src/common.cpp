@@ -102,27 +102,28 @@ QelVolumeSize volumeSizeOf(const py::array& a) {
 }
 
 std::array<double, 3> xyzTriple(py::handle obj, const char* what) {
-    if (py::isinstance<py::float_>(obj) || py::isinstance<py::int_>(obj) ||
-        py::hasattr(obj, "__float__")) {
-        if (!py::isinstance<py::sequence>(obj) && !py::isinstance<py::array>(obj)) {
-            const double v = obj.cast<double>();
-            return {v, v, v};
+    const auto number = [&](py::handle v) {
+        if (!PyFloat_Check(v.ptr()) && !PyLong_Check(v.ptr()) && !py::hasattr(v, "__float__")) {
+            typeError(std::string(what) + ": expected numbers");
         }
-    }
-    py::array_t<double, py::array::forcecast> a;
-    try {
-        a = py::array_t<double, py::array::forcecast>::ensure(obj);
-    } catch (py::error_already_set&) {
-        a = py::array_t<double, py::array::forcecast>();
-    }
-    if (!a || a.ndim() > 1 || (a.ndim() == 1 && a.shape(0) != 3)) {
-        valueError(std::string(what) + ": expected a number or three numbers (z, y, x)");
-    }
-    if (a.ndim() == 0) {
-        const double v = *a.data();
+        return v.cast<double>();
+    };
+    if (PyFloat_Check(obj.ptr()) || PyLong_Check(obj.ptr())) {
+        const double v = obj.cast<double>();
         return {v, v, v};
     }
-    return {a.at(2), a.at(1), a.at(0)};
+    if (py::isinstance<py::array>(obj) && py::reinterpret_borrow<py::array>(obj).ndim() == 0) {
+        const double v = number(obj);
+        return {v, v, v};
+    }
+    if (!py::isinstance<py::sequence>(obj) && !py::isinstance<py::array>(obj)) {
+        const double v = number(obj);
+        return {v, v, v};
+    }
+    const py::sequence seq = py::reinterpret_borrow<py::sequence>(
+        py::isinstance<py::array>(obj) ? obj.attr("tolist")() : obj);
+    if (seq.size() != 3) valueError(std::string(what) + ": expected a number or three numbers (z, y, x)");
+    return {number(seq[2]), number(seq[1]), number(seq[0])};
 }
 
 }  // namespace qelr::py_ext

@@ -501,6 +501,9 @@ py::array_t<int32_t> kernelOf(py::handle weights) {
         w.attr("max")().cast<uint64_t>() > static_cast<uint64_t>(INT32_MAX)) {
         valueError("weights: every weight must fit a 32-bit signed integer");
     }
+    if (hasDtype<int32_t>(w) && (w.flags() & py::array::c_style)) {
+        return py::reinterpret_borrow<py::array_t<int32_t>>(w);
+    }
     const auto wide = py::array_t<int64_t, py::array::c_style | py::array::forcecast>::ensure(w);
     py::array_t<int32_t> k({w.shape(0), w.shape(1), w.shape(2)});
     const int64_t* in = wide.data();
