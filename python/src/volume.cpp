@@ -549,11 +549,8 @@ py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
     const QelVolumeSize roi{static_cast<int32_t>(ext[0] - kw + 1),
                             static_cast<int32_t>(ext[1] - kh + 1),
                             static_cast<int32_t>(ext[2] - kd + 1)};
-    py::array_t<int16_t> out({roi.depth, roi.height, roi.width});
-    const QelStatus st = withoutGil([&] {
-        const std::size_t rowLen = static_cast<std::size_t>(ext[0]);
-        const std::size_t planeLen = rowLen * static_cast<std::size_t>(ext[1]);
-        std::unique_ptr<int16_t[]> padded(new int16_t[planeLen * static_cast<std::size_t>(ext[2])]);
+    // Copies the elements the maps name into a padded block at dst.
+    const auto gather = [&](int16_t* dst, std::size_t rowLen, std::size_t planeLen) {
         // The longest run of consecutive elements along x is copied whole.
         std::size_t runFirst = 0, runLength = 0;
         for (std::size_t x = 0, first = 0; x < rowLen; ++x) {
@@ -566,7 +563,7 @@ py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
         const auto* base = static_cast<const uint8_t*>(s.data());
         for (int64_t z = 0; z < ext[2]; ++z) {
             for (int64_t y = 0; y < ext[1]; ++y) {
-                int16_t* row = padded.get() + z * planeLen + y * rowLen;
+                int16_t* row = dst + z * planeLen + y * rowLen;
                 const int64_t iz = index[2][z], iy = index[1][y];
                 if (iz < 0 || iy < 0) {
                     std::fill(row, row + rowLen, j.cval);
@@ -584,13 +581,32 @@ py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
                 }
             }
         }
+    };
+    // A region that is already the padded block (a block inside the volume)
+    // is filtered where it lies.
+    bool inPlace = s.strides(1) > 0 && s.strides(0) > 0 && s.strides(0) <= INT_MAX;
+    for (int a = 0; a < 3 && inPlace; ++a) {
+        inPlace = s.shape(2 - a) == ext[a];
+        for (int64_t i = 0; i < ext[a] && inPlace; ++i) inPlace = index[a][i] == i;
+    }
+    py::array_t<int16_t> out({roi.depth, roi.height, roi.width});
+    const QelStatus st = withoutGil([&] {
+        const std::size_t rowLen = static_cast<std::size_t>(inPlace ? s.strides(1) / 2 : ext[0]);
+        const std::size_t planeLen = static_cast<std::size_t>(inPlace ? s.strides(0) / 2 : rowLen * ext[1]);
+        std::unique_ptr<int16_t[]> owned;
+        const int16_t* padded = static_cast<const int16_t*>(s.data());
+        if (!inPlace) {
+            owned.reset(new int16_t[planeLen * static_cast<std::size_t>(ext[2])]);
+            padded = owned.get();
+            gather(owned.get(), rowLen, planeLen);
+        }
         // The library addresses the source from the element under the first
         // output voxel and reaches kd - 1 - anchor planes below it.
         const std::size_t below = static_cast<std::size_t>(kd - 1 - anchor.z);
         std::vector<const int16_t*> src(static_cast<std::size_t>(ext[2]));
         const std::size_t lead = static_cast<std::size_t>(kh - 1 - anchor.y) * rowLen +
                                  static_cast<std::size_t>(kw - 1 - anchor.x);
-        for (std::size_t z = 0; z < src.size(); ++z) src[z] = padded.get() + z * planeLen + lead;
+        for (std::size_t z = 0; z < src.size(); ++z) src[z] = padded + z * planeLen + lead;
         std::vector<int16_t*> dst(static_cast<std::size_t>(roi.depth));
         for (std::size_t z = 0; z < dst.size(); ++z) {
             dst[z] = out.mutable_data() + z * static_cast<std::size_t>(roi.height) * roi.width;
