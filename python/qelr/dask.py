@@ -16,8 +16,14 @@ axis where the output's shape differs). The affine warp accumulates
 positions along each output row from the row's first voxel, so it computes
 whole rows (one task per z and y chunk) and splits them into the x chunks.
 
-The tasks are plain functions of this module and of the extension, so the
-graphs pickle and run on dask.distributed.
+`map_coordinates` computes the coordinates once ahead of the graph, to find
+each block's reach (a dask array of coordinates is therefore computed twice
+unless it is persisted).
+
+The tasks are plain functions of this module, so the graphs pickle and run
+on dask.distributed. Each task runs the library with its team size
+(qelr.set_num_threads, per process): where Dask runs as many tasks at once
+as there are cores, a team of 1 avoids oversubscription.
 """
 import math
 import operator

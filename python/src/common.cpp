@@ -65,7 +65,7 @@ py::array withContiguousRows(const py::array& a) {
     ok = ok && reinterpret_cast<uintptr_t>(a.data()) % static_cast<uintptr_t>(item) == 0;
     for (py::ssize_t i = 0; ok && i < a.ndim(); ++i) ok = a.strides(i) % item == 0;
     if (ok) return a;
-    return py::array::ensure(a, py::array::c_style);
+    return cAligned(a);
 }
 
 int parseMode(py::handle mode) {

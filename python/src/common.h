@@ -66,6 +66,11 @@ void requireNdim(const py::array& a, py::ssize_t ndim, const char* what, const c
 // in C order when `a` is not so.
 py::array withContiguousRows(const py::array& a);
 
+// `a` itself when C-contiguous and aligned, else such a copy.
+inline py::array cAligned(const py::array& a) {
+    return py::array::ensure(a, py::array::c_style | py::detail::npy_api::NPY_ARRAY_ALIGNED_);
+}
+
 // The interpolation mode: a name or one of the library's integers (passed
 // on unchecked, so the library answers qelErrInterpolation for others).
 int parseMode(py::handle mode);

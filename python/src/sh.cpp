@@ -119,8 +119,9 @@ py::array project(py::handle directions, py::handle valuesObj, long long order,
     if (d.n == 0) return out;
     // Planes of values (n, 3) with contiguous columns go as P3, else
     // interleaved C3 rows.
-    const bool planes = three && v.strides(0) == 4 && v.strides(1) % 4 == 0;
-    if (!planes) v = py::array::ensure(v, py::array::c_style);
+    const bool planes = three && v.strides(0) == 4 && v.strides(1) % 4 == 0 &&
+                        reinterpret_cast<uintptr_t>(v.data()) % 4 == 0;
+    if (!planes) v = cAligned(v);
     const auto* src = static_cast<const uint8_t*>(v.data());
     float* coeffs[3] = {c, c + K, c + 2 * K};
     const QelStatus st = withoutGil([&] {
@@ -150,7 +151,7 @@ py::array reconstruct(py::handle coeffsObj, py::handle directions, const std::st
     const uint32_t L = orderOf(order, "coeffs order");
     const Directions d = directionsOf(directions);
     const Engine e(L, methodOf(method));
-    c = py::array::ensure(c, py::array::c_style);
+    c = cAligned(c);
     const bool three = c.ndim() == 2;
     py::array_t<float> out = three ? py::array_t<float>({static_cast<py::ssize_t>(d.n), py::ssize_t{3}})
                                    : py::array_t<float>(static_cast<py::ssize_t>(d.n));
