@@ -550,7 +550,9 @@ py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
                             static_cast<int32_t>(ext[1] - kh + 1),
                             static_cast<int32_t>(ext[2] - kd + 1)};
     // Copies the elements the maps name into a padded block at dst.
-    const auto gather = [&](int16_t* dst, std::size_t rowLen, std::size_t planeLen) {
+    // Padded planes [zFirst, zFirst + zCount) only.
+    const auto gather = [&](int16_t* dst, std::size_t rowLen, std::size_t planeLen, int64_t zFirst,
+                            int64_t zCount) {
         // The longest run of consecutive elements along x is copied whole.
         std::size_t runFirst = 0, runLength = 0;
         for (std::size_t x = 0, first = 0; x < rowLen; ++x) {
@@ -561,10 +563,10 @@ py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
             }
         }
         const auto* base = static_cast<const uint8_t*>(s.data());
-        for (int64_t z = 0; z < ext[2]; ++z) {
+        for (int64_t z = 0; z < zCount; ++z) {
             for (int64_t y = 0; y < ext[1]; ++y) {
                 int16_t* row = dst + z * planeLen + y * rowLen;
-                const int64_t iz = index[2][z], iy = index[1][y];
+                const int64_t iz = index[2][zFirst + z], iy = index[1][y];
                 if (iz < 0 || iy < 0) {
                     std::fill(row, row + rowLen, j.cval);
                     continue;
@@ -593,32 +595,40 @@ py::array filterMapped(const FilterJob& j, const IndexMaps& index) {
     const QelStatus st = withoutGil([&] {
         const std::size_t rowLen = static_cast<std::size_t>(inPlace ? s.strides(1) / 2 : ext[0]);
         const std::size_t planeLen = static_cast<std::size_t>(inPlace ? s.strides(0) / 2 : rowLen * ext[1]);
+        // A padded copy is made and filtered in slabs of output planes, so
+        // it stays small and in cache; the split does not change any value.
+        const int32_t slab = inPlace ? roi.depth : std::min<int32_t>(roi.depth, 32);
         std::unique_ptr<int16_t[]> owned;
-        const int16_t* padded = static_cast<const int16_t*>(s.data());
-        if (!inPlace) {
-            owned.reset(new int16_t[planeLen * static_cast<std::size_t>(ext[2])]);
-            padded = owned.get();
-            gather(owned.get(), rowLen, planeLen);
-        }
+        if (!inPlace) owned.reset(new int16_t[planeLen * static_cast<std::size_t>(slab + kd - 1)]);
         // The library addresses the source from the element under the first
         // output voxel and reaches kd - 1 - anchor planes below it.
         const std::size_t below = static_cast<std::size_t>(kd - 1 - anchor.z);
-        std::vector<const int16_t*> src(static_cast<std::size_t>(ext[2]));
         const std::size_t lead = static_cast<std::size_t>(kh - 1 - anchor.y) * rowLen +
                                  static_cast<std::size_t>(kw - 1 - anchor.x);
-        for (std::size_t z = 0; z < src.size(); ++z) src[z] = padded + z * planeLen + lead;
-        std::vector<int16_t*> dst(static_cast<std::size_t>(roi.depth));
-        for (std::size_t z = 0; z < dst.size(); ++z) {
-            dst[z] = out.mutable_data() + z * static_cast<std::size_t>(roi.height) * roi.width;
-        }
         const QelVolumeSize ks{kw, kh, kd};
         int size = 0;
         const QelStatus q = qelrFilterGetBufSize(roi, ks, 1, &size);
         if (q != qelOk) return q;
         std::unique_ptr<uint8_t[]> buffer(new uint8_t[static_cast<std::size_t>(size)]);
-        return qelrFilter_16s_C1PV(src.data() + below, static_cast<int>(rowLen * 2), dst.data(),
-                                   roi.width * 2, roi, j.kernel.data(), ks, anchor, j.divisor,
-                                   buffer.get());
+        std::vector<const int16_t*> src(static_cast<std::size_t>(slab + kd - 1));
+        std::vector<int16_t*> dst(static_cast<std::size_t>(slab));
+        for (int32_t z0 = 0; z0 < roi.depth; z0 += slab) {
+            const int32_t n = std::min(slab, roi.depth - z0);
+            const int16_t* padded = static_cast<const int16_t*>(s.data()) + z0 * planeLen;
+            if (!inPlace) {
+                gather(owned.get(), rowLen, planeLen, z0, n + kd - 1);
+                padded = owned.get();
+            }
+            for (int32_t z = 0; z < n + kd - 1; ++z) src[z] = padded + z * planeLen + lead;
+            for (int32_t z = 0; z < n; ++z) {
+                dst[z] = out.mutable_data() + (z0 + z) * static_cast<std::size_t>(roi.height) * roi.width;
+            }
+            const QelStatus f = qelrFilter_16s_C1PV(src.data() + below, static_cast<int>(rowLen * 2),
+                                                    dst.data(), roi.width * 2, {roi.width, roi.height, n},
+                                                    j.kernel.data(), ks, anchor, j.divisor, buffer.get());
+            if (f != qelOk) return f;
+        }
+        return QelStatus{qelOk};
     });
     checkStatus(st, "qelrFilter_16s_C1PV");
     return out;
