@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing qelr needs, if any
-# is missing. With --bench it also installs the peers that the benchmarks
-# compare against (Embree, SciPy) and the real test meshes.
+# is missing: the C++ toolchain, and Debian's Python 3 with pybind11, numpy,
+# SciPy, Dask, dask.distributed, zarr and pytest for the Python package, its
+# tests and examples (setuptools, wheel and venv for `pip install .`). With
+# --bench it also installs the peers that the C++ benchmarks compare against
+# (Embree) and the real test meshes.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev pkg-config zlib1g-dev)
+packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev pkg-config zlib1g-dev
+          python3-dev pybind11-dev python3-pybind11 python3-numpy python3-scipy python3-dask
+          python3-distributed python3-zarr python3-pytest python3-setuptools python3-wheel python3-venv)
 if [[ "${1:-}" == "--bench" ]]; then
-  packages+=(libembree-dev python3-numpy python3-scipy assimp-testmodels)
+  packages+=(libembree-dev assimp-testmodels)
 fi
 
 missing=()

@@ -1,6 +1,7 @@
 // Affine warp (every mode and type) and 3-D filter (3x3x3 and 5x5x5) on 128^3
 // volumes, one thread and all threads, in Mvoxels/s of destination. The side
-// by side comparison with SciPy is bench_warp_filter_vs_scipy.py.
+// by side comparison with SciPy, through the Python package, is
+// bench/python/bench_vs_scipy.py.
 #include <benchmark/benchmark.h>
 #include <qelcore.h>
 #include <qelr.h>

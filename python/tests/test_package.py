@@ -1,0 +1,66 @@
+"""The package frame: version, team size, the same bits for 1, 3 and 4
+threads, and the GIL released while the library works."""
+import threading
+import time
+
+import numpy as np
+
+import qelr
+
+
+def test_version_and_threads():
+    assert qelr.__version__ == "7.1.0"
+    v = qelr.library_version()
+    assert (v["major"], v["minor"], v["update"], v["build"], v["cpu_code"]) == (7, 1, 0, 36264, "m7")
+    assert v["version_text"] == "7.1.0 (r36264)"
+    saved = qelr.get_num_threads()
+    qelr.set_num_threads(3)
+    assert qelr.get_num_threads() == 3
+    qelr.set_num_threads(saved)
+
+
+def test_same_bits_for_any_team_size():
+    rng = np.random.default_rng(3)
+    v = rng.uniform(0, 200, (40, 36, 45)).astype(np.float32)
+    vi = rng.integers(-900, 900, v.shape).astype(np.int16)
+    kernel = rng.integers(-3, 4, (3, 5, 3))
+    coords = np.mgrid[0:34, 0:33, 0:35] * 1.1 + rng.normal(0, 0.5, (3, 34, 33, 35))
+    calls = [lambda: qelr.resize(v, 1.3, mode="cubic"),
+             lambda: qelr.map_coordinates(v, coords, mode="catmull-rom"),
+             lambda: qelr.affine_transform(v, [[1, 0.1, 0], [0, 0.9, 0.2], [0, -0.1, 1]], 2.0, mode="linear"),
+             lambda: qelr.convolve(vi, kernel, divisor=5)]
+    saved = qelr.get_num_threads()
+    try:
+        results = {}
+        for n in (1, 3, 4):
+            qelr.set_num_threads(n)
+            results[n] = [call() for call in calls]
+        for n in (3, 4):
+            for a, b in zip(results[1], results[n]):
+                np.testing.assert_array_equal(a, b)
+    finally:
+        qelr.set_num_threads(saved)
+
+
+def test_gil_released():
+    """While one thread is inside long library calls, another runs Python."""
+    v = np.random.default_rng(1).integers(-100, 100, (96, 96, 96)).astype(np.int16)
+    kernel = np.ones((9, 9, 9), int)
+    inside = threading.Event()
+    done = threading.Event()
+
+    def work():
+        inside.set()
+        for _ in range(3):
+            qelr.convolve(v, kernel)
+        done.set()
+
+    worker = threading.Thread(target=work)
+    worker.start()
+    inside.wait()
+    ticks = 0
+    while not done.is_set():
+        ticks += 1
+        time.sleep(0)
+    worker.join()
+    assert ticks > 100  # with the GIL held the loop would stall for the whole calls
