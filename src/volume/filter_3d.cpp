@@ -7,24 +7,26 @@
 // accumulators are scaled by the reciprocal of the divisor, clamped, rounded
 // to nearest with ties to even and stored.
 //
-// The integer products are formed with the 16 x 16 -> 32-bit multiply-add
-// on two taps at a time. A kernel value outside the 16-bit range is split
-// into k = hi * 65536 + lo with lo its sign-extended low half; then
-// k * s = lo * s + ((hi * s) mod 65536) * 65536 modulo 2^32, which the 16-bit
-// multiplies give exactly, so every path yields the wrapping 32-bit products.
-#include <emmintrin.h>
-
+// Four lanes (SSE3) form the integer products with the 16 x 16 -> 32-bit
+// multiply-add on two taps at a time. A kernel value outside the 16-bit
+// range is split into k = hi * 65536 + lo with lo its sign-extended low half;
+// then k * s = lo * s + ((hi * s) mod 65536) * 65536 modulo 2^32, which the
+// 16-bit multiplies give exactly. Eight lanes (AVX2) widen the source to 32
+// bits and take the wrapping 32-bit product directly. Either way every row
+// sum is the wrapping 32-bit sum of the wrapping products, whatever the order.
 #include <climits>
 #include <cstdint>
 
 #include "core/impl.h"
-#include "simd/target.h"
+#include "simd/simd.h"
 #include "volume/volume_common.h"
 #include "volume/volume_parallel.h"
 
 namespace qelr::QELR_ISA::volume::filter {
 
 namespace {
+
+using simd::I32;
 
 // Bytes of one thread's slice of the work buffer: a float per destination
 // element plus 64 bytes (alignment slack), in 64 bits so that overflow shows.
@@ -46,8 +48,8 @@ struct FilterJob {
 bool fitsInt16(int32_t v) { return v >= INT16_MIN && v <= INT16_MAX; }
 
 // Two taps as the 16-bit multiplier pair of the multiply-add, broadcast.
-__m128i tapPair(int32_t a, int32_t b) {
-    return _mm_set1_epi32(int32_t(uint32_t(uint16_t(a)) | (uint32_t(uint16_t(b)) << 16)));
+I32<4> tapPair(int32_t a, int32_t b) {
+    return I32<4>(int32_t(uint32_t(uint16_t(a)) | (uint32_t(uint16_t(b)) << 16)));
 }
 
 // The high half of a kernel value for the split: (k - lo) / 65536 modulo 2^16.
@@ -57,21 +59,20 @@ int32_t highHalf(int32_t k) { return int32_t((int64_t(k) - int16_t(k)) >> 16); }
 // elements: ab0 and ab1 hold the source elements of the two taps
 // interleaved (elements 0-3 and 4-7), lo and hi the multiplier pair.
 template <bool kWide>
-inline void addPairProducts(__m128i ab0, __m128i ab1, __m128i lo, __m128i hi, __m128i& sum0,
-                            __m128i& sum1) {
-    sum0 = _mm_add_epi32(sum0, _mm_madd_epi16(ab0, lo));
-    sum1 = _mm_add_epi32(sum1, _mm_madd_epi16(ab1, lo));
+QELR_INLINE void addPairProducts(I32<4> ab0, I32<4> ab1, I32<4> lo, I32<4> hi, I32<4>& sum0,
+                                 I32<4>& sum1) {
+    sum0 = sum0 + simd::mulAddPairs16(ab0, lo);
+    sum1 = sum1 + simd::mulAddPairs16(ab1, lo);
     if constexpr (kWide) {
-        const __m128i ones = _mm_set1_epi16(1);
-        sum0 =
-            _mm_add_epi32(sum0, _mm_slli_epi32(_mm_madd_epi16(_mm_mullo_epi16(ab0, hi), ones), 16));
-        sum1 =
-            _mm_add_epi32(sum1, _mm_slli_epi32(_mm_madd_epi16(_mm_mullo_epi16(ab1, hi), ones), 16));
+        const I32<4> ones(0x00010001);
+        sum0 = sum0 + simd::shiftLeft<16>(simd::mulAddPairs16(simd::mulLow16(ab0, hi), ones));
+        sum1 = sum1 + simd::shiftLeft<16>(simd::mulAddPairs16(simd::mulLow16(ab1, hi), ones));
     }
 }
 
-inline __m128i load8(const int16_t* s) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+// Eight 16-bit elements, as the halves of four lanes.
+QELR_INLINE I32<4> load8(const int16_t* s) {
+    return I32<4>::loadu(reinterpret_cast<const int32_t*>(s));
 }
 
 // acc[i] += float(sum over p of k[p] * s[i - p]) for i in [0, width), the
@@ -80,30 +81,41 @@ inline __m128i load8(const int16_t* s) {
 template <int kWidth, bool kWide>
 void accumulateRow(float* acc, const int16_t* s, const int32_t* k, int32_t kw, int32_t width) {
     const int taps = kWidth > 0 ? kWidth : kw;
-    const int fullPairs = taps / 2;
-    const bool odd = taps & 1;
     int32_t i = 0;
-    for (; i + 8 <= width; i += 8) {
-        __m128i sum0 = _mm_setzero_si128(), sum1 = _mm_setzero_si128();
-        for (int p = 0; p < fullPairs; ++p) {
-            const __m128i lo = tapPair(int16_t(k[2 * p]), int16_t(k[2 * p + 1]));
-            const __m128i hi =
-                kWide ? tapPair(highHalf(k[2 * p]), highHalf(k[2 * p + 1])) : _mm_setzero_si128();
-            // Tap 2p reads s[i - 2p + l], tap 2p + 1 the element before it.
-            const __m128i a = load8(s + i - 2 * p), b = load8(s + i - 2 * p - 1);
-            addPairProducts<kWide>(_mm_unpacklo_epi16(a, b), _mm_unpackhi_epi16(a, b), lo, hi, sum0,
-                                   sum1);
+    if constexpr (kLanes == 8) {
+        for (; i + 8 <= width; i += 8) {
+            Vi sum = simd::mulWrap(simd::loadWidenI16<kLanes>(s + i), Vi(k[0]));
+            for (int p = 1; p < taps; ++p) {
+                sum = sum + simd::mulWrap(simd::loadWidenI16<kLanes>(s + i - p), Vi(k[p]));
+            }
+            simd::store(acc + i, Vf::load(acc + i) + simd::toFloat(sum));
         }
-        if (odd) {
-            const int p = taps - 1;
-            const __m128i lo = tapPair(int16_t(k[p]), 0);
-            const __m128i hi = kWide ? tapPair(highHalf(k[p]), 0) : _mm_setzero_si128();
-            const __m128i a = load8(s + i - p), z = _mm_setzero_si128();
-            addPairProducts<kWide>(_mm_unpacklo_epi16(a, z), _mm_unpackhi_epi16(a, z), lo, hi, sum0,
-                                   sum1);
+    } else {
+        const int fullPairs = taps / 2;
+        const bool odd = taps & 1;
+        for (; i + 8 <= width; i += 8) {
+            I32<4> sum0 = I32<4>::zero(), sum1 = I32<4>::zero();
+            for (int p = 0; p < fullPairs; ++p) {
+                const I32<4> lo = tapPair(int16_t(k[2 * p]), int16_t(k[2 * p + 1]));
+                const I32<4> hi =
+                    kWide ? tapPair(highHalf(k[2 * p]), highHalf(k[2 * p + 1])) : I32<4>::zero();
+                // Tap 2p reads s[i - 2p + l], tap 2p + 1 the element before it.
+                const I32<4> a = load8(s + i - 2 * p), b = load8(s + i - 2 * p - 1);
+                addPairProducts<kWide>(simd::zipLow16(a, b), simd::zipHigh16(a, b), lo, hi, sum0,
+                                       sum1);
+            }
+            if (odd) {
+                const int p = taps - 1;
+                const I32<4> lo = tapPair(int16_t(k[p]), 0);
+                const I32<4> hi = kWide ? tapPair(highHalf(k[p]), 0) : I32<4>::zero();
+                const I32<4> a = load8(s + i - p), z = I32<4>::zero();
+                addPairProducts<kWide>(simd::zipLow16(a, z), simd::zipHigh16(a, z), lo, hi, sum0,
+                                       sum1);
+            }
+            using F4 = simd::F32<4>;
+            simd::store(acc + i, F4::load(acc + i) + simd::toFloat(sum0));
+            simd::store(acc + i + 4, F4::load(acc + i + 4) + simd::toFloat(sum1));
         }
-        _mm_store_ps(acc + i, _mm_add_ps(_mm_load_ps(acc + i), _mm_cvtepi32_ps(sum0)));
-        _mm_store_ps(acc + i + 4, _mm_add_ps(_mm_load_ps(acc + i + 4), _mm_cvtepi32_ps(sum1)));
     }
     for (; i < width; ++i) {
         uint32_t sum = 0;
@@ -115,24 +127,12 @@ void accumulateRow(float* acc, const int16_t* s, const int32_t* k, int32_t kw, i
 // Scales, clamps to [-32768, 32767], rounds to nearest with ties to even
 // and stores one destination row.
 void storeRow(const float* acc, int16_t* out, int32_t width, float reciprocal, bool unit) {
-    const __m128 r = _mm_set1_ps(reciprocal);
-    const __m128 lo = _mm_set1_ps(-32768.0f), hi = _mm_set1_ps(32767.0f);
     int32_t i = 0;
-    for (; i + 8 <= width; i += 8) {
-        __m128 v0 = _mm_load_ps(acc + i), v1 = _mm_load_ps(acc + i + 4);
-        if (!unit) {
-            v0 = _mm_mul_ps(v0, r);
-            v1 = _mm_mul_ps(v1, r);
-        }
-        v0 = _mm_min_ps(_mm_max_ps(v0, lo), hi);
-        v1 = _mm_min_ps(_mm_max_ps(v1, lo), hi);
-        const __m128i packed = _mm_packs_epi32(_mm_cvtps_epi32(v0), _mm_cvtps_epi32(v1));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), packed);
+    for (; i + kLanes <= width; i += kLanes) {
+        const Vf v = Vf::load(acc + i);
+        storeRounded(out + i, unit ? v : v * Vf(reciprocal));
     }
-    for (; i < width; ++i) {
-        const float v = unit ? acc[i] : acc[i] * reciprocal;
-        out[i] = roundToElement<int16_t>(v);
-    }
+    for (; i < width; ++i) out[i] = roundToElement<int16_t>(unit ? acc[i] : acc[i] * reciprocal);
 }
 
 template <int kWidth>
@@ -180,8 +180,9 @@ void filterPlanes(const FilterJob& job, int32_t zBegin, int32_t zEnd, float* acc
     }
 }
 
+// The slice's first 32-byte boundary (the slice has 64 bytes of slack).
 float* alignedAccumulator(QelU8* slice) {
-    const uintptr_t a = (reinterpret_cast<uintptr_t>(slice) + 15) & ~uintptr_t(15);
+    const uintptr_t a = (reinterpret_cast<uintptr_t>(slice) + 31) & ~uintptr_t(31);
     return reinterpret_cast<float*>(a);
 }
 

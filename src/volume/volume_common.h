@@ -1,17 +1,21 @@
-// Pieces shared by the volume operations: argument checks, element addressing,
-// interpolation modes, cubic kernels and conversions to the element types.
+// The sampling core of the volume operations, shared by resize, remap, warp
+// and filter: argument checks, element addressing, the inclusive bounds of an
+// accepted box with its clamp and mode-degrade rule, the cubic kernels and
+// their tables, and the conversions of sums to the element types.
 #pragma once
-
-#include <pmmintrin.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
 #include "qelr.h"
-#include "simd/target.h"
+#include "simd/simd.h"
 
 namespace qelr::QELR_ISA::volume {
+
+using simd::kLanes;
+using simd::Vf;
+using simd::Vi;
 
 // ---------------------------------------------------------------------------
 // Checks
@@ -27,13 +31,12 @@ inline bool sizeWellFormed(const QelVolumeSize& s) {
     return s.width > 0 && s.height > 0 && s.depth > 0;
 }
 
+inline bool isCubicMode(int mode) { return mode >= qelInterpCubic && mode <= qelInterpCubicB05C03; }
+
 // The modes accepted by resize, remap and warp: 1, 2, 4, 5, 6, 7.
 inline bool isVolumeMode(int mode) {
-    return mode == qelInterpNearest || mode == qelInterpLinear ||
-           (mode >= qelInterpCubic && mode <= qelInterpCubicB05C03);
+    return mode == qelInterpNearest || mode == qelInterpLinear || isCubicMode(mode);
 }
-
-inline bool isCubicMode(int mode) { return mode >= qelInterpCubic && mode <= qelInterpCubicB05C03; }
 
 // Whether the box's origin lies inside the volume.
 inline bool originInside(const QelBox3D& b, const QelVolumeSize& s) {
@@ -49,18 +52,35 @@ inline QelBox3D trimToVolume(QelBox3D b, const QelVolumeSize& s) {
     return b;
 }
 
-// Mode actually used for a source of this size: cubic modes need 4 elements
-// on every axis (else linear), linear needs 2 (else nearest).
-inline int degradeModeForSource(int mode, const QelVolumeSize& s) {
-    if (isCubicMode(mode) && (s.width < 4 || s.height < 4 || s.depth < 4)) mode = qelInterpLinear;
-    if (s.width < 2 || s.height < 2 || s.depth < 2) mode = qelInterpNearest;
+// The mode a source supports, given its smallest extent over the axes it is
+// interpolated along: the cubics need 4 elements (else linear), linear 2
+// (else nearest).
+inline int degradeMode(int mode, int32_t smallestExtent) {
+    if (isCubicMode(mode) && smallestExtent < 4) mode = qelInterpLinear;
+    if (smallestExtent < 2) mode = qelInterpNearest;
     return mode;
 }
 
-// Conversion of a double to a signed 32-bit integer by truncation toward
-// zero; values outside the range (and NaN) give INT32_MIN, as the processor's
-// conversion does.
-inline int32_t truncToInt32(double v) { return _mm_cvttsd_si32(_mm_set_sd(v)); }
+inline int32_t smallestOf(const QelVolumeSize& s) {
+    const int32_t m = s.width < s.height ? s.width : s.height;
+    return m < s.depth ? m : s.depth;
+}
+
+// ---------------------------------------------------------------------------
+// Inclusive bounds of an accepted box: first and last index per axis (x, y, z).
+
+struct Bounds {
+    int32_t first[3];
+    int32_t last[3];
+};
+
+inline Bounds boundsOf(const QelBox3D& b) {
+    return {{b.x, b.y, b.z}, {b.x + b.width - 1, b.y + b.height - 1, b.z + b.depth - 1}};
+}
+
+inline int32_t clampIndex(int32_t v, int32_t lo, int32_t hi) {
+    return v < lo ? lo : (v > hi ? hi : v);
+}
 
 // ---------------------------------------------------------------------------
 // Addressing. Steps are in bytes and may be negative. Coordinates are taken
@@ -69,15 +89,19 @@ inline int32_t truncToInt32(double v) { return _mm_cvttsd_si32(_mm_set_sd(v)); }
 // then address those elements, and the arithmetic must not wrap.
 
 template <class T>
-inline T* rowOfV(T* base, int rowStep, int planeStep, ptrdiff_t y, ptrdiff_t z) {
+inline T* byteOffset(T* p, ptrdiff_t bytes) {
     using Byte = std::conditional_t<std::is_const_v<T>, const uint8_t, uint8_t>;
-    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(base) + (z * planeStep + y * rowStep));
+    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(p) + bytes);
+}
+
+template <class T>
+inline T* rowOfV(T* base, int rowStep, int planeStep, ptrdiff_t y, ptrdiff_t z) {
+    return byteOffset(base, z * planeStep + y * rowStep);
 }
 
 template <class T>
 inline T* rowOfPV(T* const* planes, int rowStep, ptrdiff_t y, ptrdiff_t z) {
-    using Byte = std::conditional_t<std::is_const_v<T>, const uint8_t, uint8_t>;
-    return reinterpret_cast<T*>(reinterpret_cast<Byte*>(planes[z]) + y * rowStep);
+    return byteOffset(planes[z], y * rowStep);
 }
 
 // ---------------------------------------------------------------------------
@@ -88,40 +112,52 @@ inline T* rowOfPV(T* const* planes, int rowStep, ptrdiff_t y, ptrdiff_t z) {
 double cubicKernel(int mode, double d);
 
 // The four weights of the taps at -1, 0, +1, +2 from the floor of a sample
-// position with fraction f. The tap distances are formed in single precision
-// from -1 - f; the weights are rounded to float.
+// position with fraction f: the tap distances are formed in single precision
+// from -1 - f, the kernel evaluated in double and rounded to float.
 void cubicWeights(int mode, float f, float w[4]);
 
 // The mode's kernel sampled at d = k / 100 for k = 0..200, rounded to float,
-// followed by seven zeros (so the entry after any index up to 200 exists).
+// followed by seven zeros (so the entry after any index up to 200 exists);
+// kept as pairs (T[k], T[k + 1] - T[k]), so one 8-byte read fetches what a
+// weight interpolates between.
 constexpr int kCubicTableSize = 208;
-const float* cubicTable(int mode);
+struct KernelTable {
+    float pair[kCubicTableSize - 1][2];
+};
+const KernelTable& kernelTable(int mode);  // mode 4..7
 
-// Weight at distance d from a cubic table: d is capped at 2, scaled by 100,
-// and the table is interpolated linearly between the neighbouring entries.
-inline float cubicTableWeight(const float* table, float d) {
-    const float x = (d < 2.0f ? d : 2.0f) * 100.0f;
-    const int k = static_cast<int>(x);
-    const float r = x - static_cast<float>(k);
-    return table[k] + (table[k + 1] - table[k]) * r;
+// The weights of the four taps at offsets -1, 0, 1, 2 from a base with
+// fraction f (one per lane): d = |-f + offset| capped at 2, scaled by 100,
+// k = trunc, r the remainder, weight T[k] + (T[k + 1] - T[k]) * r.
+inline simd::F32<4> tapWeights(const KernelTable& table, float f) {
+    using F4 = simd::F32<4>;
+    const F4 d = simd::abs(F4(-f) + F4::of(-1.0f, 0.0f, 1.0f, 2.0f));
+    const F4 x = simd::min(d, F4(2.0f)) * F4(100.0f);
+    const simd::I32<4> k = simd::truncToInt(x);
+    const F4 r = x - simd::toFloat(k);
+    alignas(16) int32_t ki[4];
+    simd::store(ki, k);
+    const F4 p01 = simd::loadTwoPairs(table.pair[ki[0]], table.pair[ki[1]]);
+    const F4 p23 = simd::loadTwoPairs(table.pair[ki[2]], table.pair[ki[3]]);
+    return simd::evenLanes(p01, p23) + simd::oddLanes(p01, p23) * r;
 }
 
 // ---------------------------------------------------------------------------
-// Conversions to the element types
+// Conversions of float sums to the element types
 
 template <class T>
 struct ElementLimits;
 template <>
 struct ElementLimits<uint8_t> {
-    static constexpr int lo = 0, hi = 255;
+    static constexpr float lo = 0.0f, hi = 255.0f;
 };
 template <>
 struct ElementLimits<uint16_t> {
-    static constexpr int lo = 0, hi = 65535;
+    static constexpr float lo = 0.0f, hi = 65535.0f;
 };
 template <>
 struct ElementLimits<int16_t> {
-    static constexpr int lo = -32768, hi = 32767;
+    static constexpr float lo = -32768.0f, hi = 32767.0f;
 };
 
 // Rounds to nearest in the current rounding mode (ties to even by default)
@@ -131,25 +167,198 @@ inline T roundToElement(float v) {
     if constexpr (std::is_same_v<T, float>) {
         return v;
     } else {
-        const float lo = static_cast<float>(ElementLimits<T>::lo);
-        const float hi = static_cast<float>(ElementLimits<T>::hi);
-        const float c = v > lo ? (v < hi ? v : hi) : lo;  // NaN clamps to lo
-        return static_cast<T>(_mm_cvtss_si32(_mm_set_ss(c)));
+        constexpr float lo = ElementLimits<T>::lo, hi = ElementLimits<T>::hi;
+        return static_cast<T>(simd::roundToInt32(v > lo ? (v < hi ? v : hi) : lo));
     }
 }
 
-// The resize rule: add 0.5000001, truncate toward zero, saturate.
+// The resize rule: add 0.5000001, saturate, truncate toward zero.
 template <class T>
 inline T truncateToElement(float v) {
     if constexpr (std::is_same_v<T, float>) {
         return v;
     } else {
+        constexpr float lo = ElementLimits<T>::lo, hi = ElementLimits<T>::hi;
         const float s = v + 0.5000001f;
-        const float lo = static_cast<float>(ElementLimits<T>::lo);
-        const float hi = static_cast<float>(ElementLimits<T>::hi);
-        const float c = s > lo ? (s < hi ? s : hi) : lo;
-        return static_cast<T>(static_cast<int>(c));
+        return static_cast<T>(static_cast<int32_t>(s > lo ? (s < hi ? s : hi) : lo));
     }
+}
+
+// The same rules on N lanes, storing N elements. max(v, lo) takes lo for a
+// NaN lane, as the scalar forms do.
+template <class T, int N>
+QELR_INLINE void storeRounded(T* p, simd::F32<N> v) {
+    if constexpr (std::is_same_v<T, float>) {
+        simd::storeu(p, v);
+    } else {
+        const simd::F32<N> c = simd::min(simd::max(v, simd::F32<N>(ElementLimits<T>::lo)),
+                                         simd::F32<N>(ElementLimits<T>::hi));
+        simd::storeSaturated(p, simd::roundToInt(c));
+    }
+}
+
+template <class T, int N>
+QELR_INLINE void storeTruncated(T* p, simd::F32<N> v) {
+    if constexpr (std::is_same_v<T, float>) {
+        simd::storeu(p, v);
+    } else {
+        const simd::F32<N> s = v + simd::F32<N>(0.5000001f);
+        const simd::F32<N> c = simd::min(simd::max(s, simd::F32<N>(ElementLimits<T>::lo)),
+                                         simd::F32<N>(ElementLimits<T>::hi));
+        simd::storeSaturated(p, simd::truncToInt(c));
+    }
+}
+
+// Rounded lanes written only where bit l of `mask` is set.
+template <class T>
+QELR_INLINE void storeRoundedMasked(T* p, Vf v, int mask) {
+    if (mask == (1 << kLanes) - 1) {
+        storeRounded(p, v);
+        return;
+    }
+    alignas(32) float lanes[kLanes];
+    simd::store(lanes, v);
+    for (int l = 0; l < kLanes; ++l) {
+        if (mask & (1 << l)) p[l] = roundToElement<T>(lanes[l]);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Vectors from per-lane values
+
+template <class T>
+QELR_INLINE Vf vectorOf(const T (&v)[kLanes]) {
+    if constexpr (std::is_same_v<T, float>) {
+#if QELR_SIMD_LANES == 8
+        return simd::combine(simd::F32<4>::of(v[0], v[1], v[2], v[3]),
+                             simd::F32<4>::of(v[4], v[5], v[6], v[7]));
+#else
+        return Vf::of(v[0], v[1], v[2], v[3]);
+#endif
+    } else {
+        int32_t i[kLanes];
+        for (int l = 0; l < kLanes; ++l) i[l] = static_cast<int32_t>(v[l]);
+#if QELR_SIMD_LANES == 8
+        return simd::toFloat(simd::combine(simd::I32<4>::of(i[0], i[1], i[2], i[3]),
+                                           simd::I32<4>::of(i[4], i[5], i[6], i[7])));
+#else
+        return simd::toFloat(Vi::of(i[0], i[1], i[2], i[3]));
+#endif
+    }
+}
+
+// The element pairs (p[l][0], p[l][1]) of every lane as two float vectors.
+template <class T>
+QELR_INLINE void loadPairs(const T* const (&p)[kLanes], Vf& first, Vf& second) {
+    T a[kLanes], b[kLanes];
+    for (int l = 0; l < kLanes; ++l) {
+        a[l] = p[l][0];
+        b[l] = p[l][1];
+    }
+    first = vectorOf(a);
+    second = vectorOf(b);
+}
+
+// a (1 - f) + b f.
+template <class V>
+QELR_INLINE V lerp(V a, V b, V f) {
+    return a * (V(1.0f) - f) + b * f;
+}
+
+}  // namespace qelr::QELR_ISA::volume
+
+// ---------------------------------------------------------------------------
+// Shared interpolation cores (remap and warp)
+
+namespace qelr::QELR_ISA::volume {
+
+// Trilinear at kLanes positions. corner[r][l] points at the first element of
+// lane l's pair along x in row r: r = 0 (y0, z0), 1 (y1, z0), 2 (y0, z1),
+// 3 (y1, z1); the pair is the element and the next one (or the element twice
+// when `pairAlongX` is false). Blended along x, then y, then z.
+template <class T>
+QELR_INLINE Vf trilinear(const T* const (&corner)[4][kLanes], bool pairAlongX, Vf fx, Vf fy,
+                         Vf fz) {
+    Vf along[4];
+    for (int r = 0; r < 4; ++r) {
+        Vf a, b;
+        if (pairAlongX) {
+            loadPairs(corner[r], a, b);
+        } else {
+            T v[kLanes];
+            for (int l = 0; l < kLanes; ++l) v[l] = corner[r][l][0];
+            a = b = vectorOf(v);
+        }
+        along[r] = lerp(a, b, fx);
+    }
+    return lerp(lerp(along[0], along[1], fy), lerp(along[2], along[3], fy), fz);
+}
+
+// The x taps base - 1 .. base + 2 of the cubic neighbourhood, clamped into
+// [lo, hi] (one load per row when no clamping happens).
+struct CubicColumns {
+    int32_t idx[4];
+    bool contiguous;
+};
+
+inline CubicColumns cubicColumns(int32_t base, int32_t lo, int32_t hi) {
+    return {{clampIndex(base - 1, lo, hi), clampIndex(base, lo, hi), clampIndex(base + 1, lo, hi),
+             clampIndex(base + 2, lo, hi)},
+            base - 1 >= lo && base + 2 <= hi};
+}
+
+template <class T>
+QELR_INLINE simd::F32<4> rowTaps(const T* row, const CubicColumns& x) {
+    if (x.contiguous) return simd::loadAsFloat<4>(row + x.idx[0]);
+    return simd::F32<4>::of(static_cast<float>(row[x.idx[0]]), static_cast<float>(row[x.idx[1]]),
+                            static_cast<float>(row[x.idx[2]]), static_cast<float>(row[x.idx[3]]));
+}
+
+// ((w0 a + w1 b) + w2 c) + w3 d, w broadcast from four scalars.
+template <class V>
+QELR_INLINE V blendFour(const float w[4], V a, V b, V c, V d) {
+    return ((V(w[0]) * a + V(w[1]) * b) + V(w[2]) * c) + V(w[3]) * d;
+}
+
+// Separable cubic in one plane: rows[r] is the first byte of tap row r; the
+// rows are blended along y, then the x taps weighted and summed.
+template <class T>
+QELR_INLINE float cubicPlane(const uint8_t* const rows[4], const CubicColumns& x, simd::F32<4> wx,
+                             simd::F32<4> wy) {
+    alignas(16) float y[4];
+    simd::store(y, wy);
+    const auto row = [&](int r) { return rowTaps(reinterpret_cast<const T*>(rows[r]), x); };
+    return simd::sumLanes(blendFour(y, row(0), row(1), row(2), row(3)) * wx);
+}
+
+// Separable tricubic: plane c's row r starts at planes[c] + rowOffset[r]. The
+// rows of each plane are blended along y, the planes along z, then the x taps
+// weighted and summed; on eight lanes two planes share a vector.
+template <class T>
+QELR_INLINE float cubicVolume(const uint8_t* const planes[4], const ptrdiff_t rowOffset[4],
+                              const CubicColumns& x, simd::F32<4> wx, simd::F32<4> wy,
+                              simd::F32<4> wz) {
+    using F4 = simd::F32<4>;
+    alignas(16) float y[4], z[4];
+    simd::store(y, wy);
+    simd::store(z, wz);
+    const auto row = [&](int c, int r) {
+        return rowTaps(reinterpret_cast<const T*>(planes[c] + rowOffset[r]), x);
+    };
+#if QELR_SIMD_LANES == 8
+    const auto twoPlanes = [&](int c) {
+        const auto rows = [&](int r) { return simd::combine(row(c, r), row(c + 1, r)); };
+        return blendFour(y, rows(0), rows(1), rows(2), rows(3)) *
+               simd::combine(F4(z[c]), F4(z[c + 1]));
+    };
+    const Vf m01 = twoPlanes(0), m23 = twoPlanes(2);
+    const F4 v = ((simd::lowHalf(m01) + simd::highHalf(m01)) + simd::lowHalf(m23)) +
+                 simd::highHalf(m23);
+#else
+    const auto plane = [&](int c) { return blendFour(y, row(c, 0), row(c, 1), row(c, 2), row(c, 3)); };
+    const F4 v = blendFour(z, plane(0), plane(1), plane(2), plane(3));
+#endif
+    return simd::sumLanes(v * wx);
 }
 
 }  // namespace qelr::QELR_ISA::volume
