@@ -104,7 +104,8 @@ struct LinearAxis {
 };
 
 inline LinearAxis linearAxis(Vf coord, int32_t lo, int32_t hi) {
-    const Vf c = simd::min(simd::max(coord, Vf(static_cast<float>(lo))), Vf(static_cast<float>(hi)));
+    const Vf c =
+        simd::min(simd::max(coord, Vf(static_cast<float>(lo))), Vf(static_cast<float>(hi)));
     const bool thick = hi > lo;
     const Vi base = simd::min(simd::truncToInt(c), Vi(thick ? hi - 1 : lo));
     return {base, base + Vi(thick ? 1 : 0), c - simd::toFloat(base)};
@@ -122,8 +123,9 @@ void linearRow(const T* const* src, int srcRowStep, const Bounds& box, T* dst, i
         const Lanes xs(ax.base), ys(ay.base), z0(az.base), z1(az.next);
         const T* corner[4][kLanes];
         for (int l = 0; l < kLanes; ++l) {
-            const ptrdiff_t offset = static_cast<ptrdiff_t>(ys[l]) * srcRowStep +
-                                     static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
+            const ptrdiff_t offset =
+                static_cast<ptrdiff_t>(ys[l]) * srcRowStep +
+                static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
             corner[0][l] = byteOffset(src[z0[l]], offset);
             corner[1][l] = byteOffset(corner[0][l], nextRow);
             corner[2][l] = byteOffset(src[z1[l]], offset);
@@ -159,8 +161,9 @@ void cubicRow(const T* const* src, int srcRowStep, const Bounds& box, T* dst, in
             for (int t = 0; t < 4; ++t) {
                 planes[t] = reinterpret_cast<const uint8_t*>(
                     src[clampIndex(bz[l] - 1 + t, box.first[2], box.last[2])]);
-                rows[t] = static_cast<ptrdiff_t>(clampIndex(by[l] - 1 + t, box.first[1], box.last[1])) *
-                          srcRowStep;
+                rows[t] =
+                    static_cast<ptrdiff_t>(clampIndex(by[l] - 1 + t, box.first[1], box.last[1])) *
+                    srcRowStep;
             }
             const CubicColumns x = cubicColumns(bx[l], box.first[0], box.last[0]);
             dst[i + l] = roundToElement<T>(cubicVolume<T>(planes, rows, x, wx, wy, wz));
@@ -233,8 +236,8 @@ QelStatus remapVolume(const T* const srcData[], QelVolumeSize srcSize, int srcRo
     if (!originInside(srcBox, srcSize)) return qelWarnRegionOutsideVolume;
     const QelBox3D accepted = trimToVolume(srcBox, srcSize);
     const int mode = degradeMode(interpolation, smallestOf(srcSize));
-    const RemapArgs<T> args{srcData, srcRowStep, boundsOf(accepted), pxMap,      pyMap,
-                            pzMap,   mapStep,    dstData,            dstRowStep, dstVolume};
+    const RemapArgs<T> args{srcData, srcRowStep, boundsOf(accepted), pxMap,    pyMap, pzMap,
+                            mapStep, dstData,    dstRowStep,         dstVolume};
     const RemapKernel<T> kernel = kRemapKernels<T>[mode];
     runOverPlanes(dstVolume.width, dstVolume.height, dstVolume.depth,
                   [&](int32_t first, int32_t end, int, int) { kernel(args, first, end); });

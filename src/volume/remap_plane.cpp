@@ -41,7 +41,8 @@ inline T samplePlane(const T* src, int step, const Bounds& b, float x, float y) 
         const int32_t by = clampIndex(simd::truncToInt32(y), y0, y1);
         const uint8_t* rows[4];
         for (int r = 0; r < 4; ++r) {
-            rows[r] = reinterpret_cast<const uint8_t*>(rowAt(src, step, clampIndex(by - 1 + r, y0, y1)));
+            rows[r] =
+                reinterpret_cast<const uint8_t*>(rowAt(src, step, clampIndex(by - 1 + r, y0, y1)));
         }
         return roundToElement<T>(cubicPlane<T>(rows, cubicColumns(bx, x0, x1),
                                                tapWeights(table, x - static_cast<float>(bx)),
@@ -61,7 +62,8 @@ void planeRow(const T* src, int step, const Bounds& b, T* dst, int32_t width, co
     const float y0 = static_cast<float>(b.first[1]), y1 = static_cast<float>(b.last[1]);
     for (int32_t i = 0; i < width; ++i) {
         const float x = mx[i], y = my[i];
-        if (x >= x0 && x <= x1 && y >= y0 && y <= y1) dst[i] = samplePlane<T, Mode>(src, step, b, x, y);
+        if (x >= x0 && x <= x1 && y >= y0 && y <= y1)
+            dst[i] = samplePlane<T, Mode>(src, step, b, x, y);
     }
 }
 

@@ -113,7 +113,8 @@ bool mapAxis(int32_t s, int32_t n, int32_t t, int32_t m, double factor, double s
         static_cast<int32_t>(static_cast<uint32_t>(t) + static_cast<uint32_t>(m));
     const double first = s * factor + shift;
     const double last = srcEnd * factor + shift;
-    const int32_t lo = simd::truncToInt32((first < t ? static_cast<double>(t) : first) + 0.4999999999);
+    const int32_t lo =
+        simd::truncToInt32((first < t ? static_cast<double>(t) : first) + 0.4999999999);
     const int32_t hi =
         simd::truncToInt32((last > dstEnd ? static_cast<double>(dstEnd) : last) + 0.5000000001);
     if (!(lo >= t && lo < hi)) return false;
@@ -150,7 +151,8 @@ QelStatus prepare(bool anyNull, QelVolumeSize srcSize, QelBox3D srcBox, QelBox3D
 void buildNearest(const Axis& a, int32_t first, int32_t count, int32_t* index) {
     for (int32_t k = 0; k < count; ++k) {
         const double d = static_cast<double>(a.lo + first + k);
-        index[k] = clampTap(simd::truncToInt32((d + 0.5) * a.inv + a.invOffset - 1e-10), a.srcExtent);
+        index[k] =
+            clampTap(simd::truncToInt32((d + 0.5) * a.inv + a.invOffset - 1e-10), a.srcExtent);
     }
 }
 

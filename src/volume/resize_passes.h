@@ -74,7 +74,8 @@ QELR_INLINE Vf tapProducts(const T* src, const int32_t* index, const float* wq, 
 #if QELR_SIMD_LANES == 8
     const Vf taps = simd::combine(simd::loadAsFloat<4>(src + index[k] - 1),
                                   simd::loadAsFloat<4>(src + index[k + 4] - 1));
-    return taps * simd::combine(simd::F32<4>::load(wq + 4 * k), simd::F32<4>::load(wq + 4 * k + 16));
+    return taps *
+           simd::combine(simd::F32<4>::load(wq + 4 * k), simd::F32<4>::load(wq + 4 * k + 16));
 #else
     return simd::loadAsFloat<4>(src + index[k] - 1) * Vf::load(wq + 4 * k);
 #endif

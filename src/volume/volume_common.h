@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "qelr.h"
@@ -247,16 +248,41 @@ QELR_INLINE Vf vectorOf(const T (&v)[kLanes]) {
     }
 }
 
-// The element pairs (p[l][0], p[l][1]) of every lane as two float vectors.
+// The element pairs (p[l][0], p[l][1]) of every lane as two float vectors:
+// floats as one 8-byte read per pair, split into even and odd lanes; narrow
+// elements as one integer per pair, split by mask and shift.
+namespace detail {
+template <class T>
+QELR_INLINE void loadFourPairs(const T* const* p, simd::F32<4>& first, simd::F32<4>& second) {
+    using F4 = simd::F32<4>;
+    if constexpr (std::is_same_v<T, float>) {
+        const F4 p01 = simd::loadTwoPairs(p[0], p[1]), p23 = simd::loadTwoPairs(p[2], p[3]);
+        first = simd::evenLanes(p01, p23);
+        second = simd::oddLanes(p01, p23);
+    } else {
+        using Pair = std::conditional_t<sizeof(T) == 1, uint16_t, uint32_t>;
+        Pair v[4];
+        for (int l = 0; l < 4; ++l) std::memcpy(&v[l], p[l], sizeof(Pair));
+        const simd::I32<4> both =
+            simd::I32<4>::of(int32_t(v[0]), int32_t(v[1]), int32_t(v[2]), int32_t(v[3]));
+        constexpr int kBits = 8 * sizeof(T);
+        first = simd::toFloat(both & simd::I32<4>((1 << kBits) - 1));
+        second = simd::toFloat(simd::shiftRightLogical<kBits>(both));
+    }
+}
+}  // namespace detail
+
 template <class T>
 QELR_INLINE void loadPairs(const T* const (&p)[kLanes], Vf& first, Vf& second) {
-    T a[kLanes], b[kLanes];
-    for (int l = 0; l < kLanes; ++l) {
-        a[l] = p[l][0];
-        b[l] = p[l][1];
-    }
-    first = vectorOf(a);
-    second = vectorOf(b);
+#if QELR_SIMD_LANES == 8
+    simd::F32<4> a0, b0, a1, b1;
+    detail::loadFourPairs(p, a0, b0);
+    detail::loadFourPairs(p + 4, a1, b1);
+    first = simd::combine(a0, a1);
+    second = simd::combine(b0, b1);
+#else
+    detail::loadFourPairs(p, first, second);
+#endif
 }
 
 // a (1 - f) + b f.
@@ -302,16 +328,27 @@ struct CubicColumns {
 };
 
 inline CubicColumns cubicColumns(int32_t base, int32_t lo, int32_t hi) {
-    return {{clampIndex(base - 1, lo, hi), clampIndex(base, lo, hi), clampIndex(base + 1, lo, hi),
-             clampIndex(base + 2, lo, hi)},
-            base - 1 >= lo && base + 2 <= hi};
+    CubicColumns c{{base - 1, base, base + 1, base + 2}, base - 1 >= lo && base + 2 <= hi};
+    if (!c.contiguous) {
+        for (int32_t& i : c.idx) i = clampIndex(i, lo, hi);
+    }
+    return c;
 }
 
-template <class T>
-QELR_INLINE simd::F32<4> rowTaps(const T* row, const CubicColumns& x) {
-    if (x.contiguous) return simd::loadAsFloat<4>(row + x.idx[0]);
-    return simd::F32<4>::of(static_cast<float>(row[x.idx[0]]), static_cast<float>(row[x.idx[1]]),
-                            static_cast<float>(row[x.idx[2]]), static_cast<float>(row[x.idx[3]]));
+// Calls body(taps) with taps(row) giving the four x taps of a row as floats,
+// specialised for rows read in one load.
+template <class T, class Body>
+QELR_INLINE float withRowTaps(const CubicColumns& x, Body&& body) {
+    if (x.contiguous) {
+        return body([&](const uint8_t* row) {
+            return simd::loadAsFloat<4>(reinterpret_cast<const T*>(row) + x.idx[0]);
+        });
+    }
+    return body([&](const uint8_t* row) {
+        const T* r = reinterpret_cast<const T*>(row);
+        return simd::F32<4>::of(static_cast<float>(r[x.idx[0]]), static_cast<float>(r[x.idx[1]]),
+                                static_cast<float>(r[x.idx[2]]), static_cast<float>(r[x.idx[3]]));
+    });
 }
 
 // ((w0 a + w1 b) + w2 c) + w3 d, w broadcast from four scalars.
@@ -327,8 +364,10 @@ QELR_INLINE float cubicPlane(const uint8_t* const rows[4], const CubicColumns& x
                              simd::F32<4> wy) {
     alignas(16) float y[4];
     simd::store(y, wy);
-    const auto row = [&](int r) { return rowTaps(reinterpret_cast<const T*>(rows[r]), x); };
-    return simd::sumLanes(blendFour(y, row(0), row(1), row(2), row(3)) * wx);
+    return withRowTaps<T>(x, [&](auto taps) {
+        return simd::sumLanes(
+            blendFour(y, taps(rows[0]), taps(rows[1]), taps(rows[2]), taps(rows[3])) * wx);
+    });
 }
 
 // Separable tricubic: plane c's row r starts at planes[c] + rowOffset[r]. The
@@ -342,23 +381,23 @@ QELR_INLINE float cubicVolume(const uint8_t* const planes[4], const ptrdiff_t ro
     alignas(16) float y[4], z[4];
     simd::store(y, wy);
     simd::store(z, wz);
-    const auto row = [&](int c, int r) {
-        return rowTaps(reinterpret_cast<const T*>(planes[c] + rowOffset[r]), x);
-    };
+    return withRowTaps<T>(x, [&](auto taps) {
+        const auto row = [&](int c, int r) { return taps(planes[c] + rowOffset[r]); };
 #if QELR_SIMD_LANES == 8
-    const auto twoPlanes = [&](int c) {
-        const auto rows = [&](int r) { return simd::combine(row(c, r), row(c + 1, r)); };
-        return blendFour(y, rows(0), rows(1), rows(2), rows(3)) *
-               simd::combine(F4(z[c]), F4(z[c + 1]));
-    };
-    const Vf m01 = twoPlanes(0), m23 = twoPlanes(2);
-    const F4 v = ((simd::lowHalf(m01) + simd::highHalf(m01)) + simd::lowHalf(m23)) +
-                 simd::highHalf(m23);
+        const auto twoPlanes = [&](int c) {
+            const auto rows = [&](int r) { return simd::combine(row(c, r), row(c + 1, r)); };
+            return blendFour(y, rows(0), rows(1), rows(2), rows(3)) *
+                   simd::combine(F4(z[c]), F4(z[c + 1]));
+        };
+        const Vf m01 = twoPlanes(0), m23 = twoPlanes(2);
+        const F4 v =
+            ((simd::lowHalf(m01) + simd::highHalf(m01)) + simd::lowHalf(m23)) + simd::highHalf(m23);
 #else
-    const auto plane = [&](int c) { return blendFour(y, row(c, 0), row(c, 1), row(c, 2), row(c, 3)); };
-    const F4 v = blendFour(z, plane(0), plane(1), plane(2), plane(3));
+        const auto plane = [&](int c) { return blendFour(y, row(c, 0), row(c, 1), row(c, 2), row(c, 3)); };
+        const F4 v = blendFour(z, plane(0), plane(1), plane(2), plane(3));
 #endif
-    return simd::sumLanes(v * wx);
+        return simd::sumLanes(v * wx);
+    });
 }
 
 }  // namespace qelr::QELR_ISA::volume

@@ -121,7 +121,26 @@ struct Lanes {
     int32_t operator[](int l) const { return v[l]; }
 };
 
-// kLanes elements at a time: positions, the inside test, then the mode.
+// Nearest: one element at a time (the copy is cheaper than forming vectors).
+template <class T>
+void warpRowNearest(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
+    const double(&d)[3][4] = job.inv;
+    double X = p[0], Y = p[1], Z = p[2];
+    for (int32_t x = xBegin; x < xEnd; ++x) {
+        if (insideSource(job.src, X, Y, Z)) {
+            out[x] = sampleNearest(job.src, X, Y, simd::roundToInt32(Z));
+        }
+        X += d[0][0];
+        Y += d[1][0];
+        Z += d[2][0];
+    }
+    p[0] = X;
+    p[1] = Y;
+    p[2] = Z;
+}
+
+// Linear and cubic: kLanes elements at a time: positions, the inside test,
+// then the mode.
 template <class T, int Mode>
 void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
     const SourceView<T>& s = job.src;
@@ -130,13 +149,7 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
         const int n = xEnd - x < kLanes ? xEnd - x : kLanes;
         Positions q = positionsOf(b, job.inv, p, n);
         if (q.inside == 0) continue;
-        if constexpr (Mode == qelInterpNearest) {
-            const Lanes ix(simd::roundToInt(q.c[0])), iy(simd::roundToInt(q.c[1]));
-            const Lanes iz(simd::roundToInt(q.c[2]));
-            for (int l = 0; l < n; ++l) {
-                if (q.inside & (1 << l)) out[x + l] = s.row(iy[l], iz[l])[ix[l]];
-            }
-        } else if constexpr (Mode == qelInterpLinear) {
+        if constexpr (Mode == qelInterpLinear) {
             // Lanes outside take the first corner, so their reads stay inside.
             Vi i[3];
             Vf f[3];
@@ -150,7 +163,8 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
             const Lanes ix(i[0]), iy(i[1]), iz(i[2]);
             const T* corner[4][kLanes];
             for (int l = 0; l < kLanes; ++l) {
-                for (int r = 0; r < 4; ++r) corner[r][l] = s.row(iy[l] + (r & 1), iz[l] + (r >> 1)) + ix[l];
+                for (int r = 0; r < 4; ++r)
+                    corner[r][l] = s.row(iy[l] + (r & 1), iz[l] + (r >> 1)) + ix[l];
             }
             storeRoundedMasked(out + x, trilinear(corner, true, f[0], f[1], f[2]), q.inside);
         } else {
@@ -169,8 +183,9 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
                 for (int k = 0; k < 4; ++k) {
                     planes[k] = reinterpret_cast<const uint8_t*>(
                         s.planes[clampIndex(iz[l] - 1 + k, b.first[2], b.last[2])]);
-                    rows[k] = static_cast<ptrdiff_t>(clampIndex(iy[l] - 1 + k, b.first[1], b.last[1])) *
-                              s.rowStep;
+                    rows[k] =
+                        static_cast<ptrdiff_t>(clampIndex(iy[l] - 1 + k, b.first[1], b.last[1])) *
+                        s.rowStep;
                 }
                 const CubicColumns cx = cubicColumns(ix[l], b.first[0], b.last[0]);
                 out[x + l] = roundToElement<T>(cubicVolume<T>(planes, rows, cx, wx, wy, wz));
@@ -221,7 +236,7 @@ void warpPlanes(const WarpJob<T>& job, RowRoutine<T> row, const QelBox3D& dstBox
 template <class T>
 constexpr RowRoutine<T> kRowRoutines[8] = {
     nullptr,
-    warpRow<T, qelInterpNearest>,
+    warpRowNearest<T>,
     warpRow<T, qelInterpLinear>,
     nullptr,
     warpRow<T, qelInterpCubic>,

@@ -35,8 +35,8 @@ QelStatus warpSinglePlane(const T* const srcData[], QelVolumeSize srcSize, int s
     if (!originInside(srcBox, srcSize)) return qelWarnRegionOutsideVolume;
     const QelBox3D box = trimToVolume(srcBox, srcSize);
     // The plane is interpolated in x and y only: its width and height decide.
-    const int mode = degradeMode(interpolation, srcSize.width < srcSize.height ? srcSize.width
-                                                                               : srcSize.height);
+    const int mode =
+        degradeMode(interpolation, srcSize.width < srcSize.height ? srcSize.width : srcSize.height);
     double d[3][4];
     if (!invertTransform(coeffs, d)) return qelErrSingularTransform;
 

@@ -96,22 +96,33 @@ const Geometry kGeometries[] = {
     {{9, 8, 1}, {1, 0, 0, 8, 8, 1}, {11, 5, 3}},          // one plane: the plane paths
 };
 
-QelBox3D accepted(QelBox3D b, QelVolumeSize s) {
-    return {b.x,
-            b.y,
-            b.z,
-            std::min(b.width, s.width - b.x),
-            std::min(b.height, s.height - b.y),
-            std::min(b.depth, s.depth - b.z)};
-}
-
+// Remap (through maps of random positions around the box, its faces, just
+// beyond them, NaN) or warp (by a rotation with scaling and translation,
+// inverted here by Cramer's rule) of every geometry in every mode.
 template <class T>
-void remapAgainstReference() {
+void againstReference(bool isWarp) {
+    const Coeffs c = {{0.9, -0.3, 0.1, 2.5}, {0.35, 1.1, -0.2, -1.25}, {0.05, 0.25, 1.2, 0.5}};
+    const auto m = [&](int i, int j) { return c[i % 3][j % 3]; };
+    const double det = m(0, 0) * (m(1, 1) * m(2, 2) - m(1, 2) * m(2, 1)) -
+                       m(0, 1) * (m(1, 0) * m(2, 2) - m(1, 2) * m(2, 0)) +
+                       m(0, 2) * (m(1, 0) * m(2, 1) - m(1, 1) * m(2, 0));
+    double inv[3][4];
+    for (int i = 0; i < 3; ++i) {
+        for (int j = 0; j < 3; ++j)
+            inv[i][j] =
+                (m(j + 1, i + 1) * m(j + 2, i + 2) - m(j + 1, i + 2) * m(j + 2, i + 1)) / det;
+        inv[i][3] = -(inv[i][0] * c[0][3] + inv[i][1] * c[1][3] + inv[i][2] * c[2][3]);
+    }
     for (const Geometry& g : kGeometries) {
         Volume<T> src(g.src);
         src.fillRandom(3, true);
-        const QelBox3D box = accepted(g.box, g.src);
-        // Maps: random positions around the box, its faces, just beyond them, NaN.
+        const QelBox3D b = g.box, dbox{1, 0, 1, g.dst.width - 1, g.dst.height, g.dst.depth - 1};
+        const QelBox3D box{b.x,
+                           b.y,
+                           b.z,
+                           std::min(b.width, g.src.width - b.x),
+                           std::min(b.height, g.src.height - b.y),
+                           std::min(b.depth, g.src.depth - b.z)};
         Volume<float> mx(g.dst), my(g.dst), mz(g.dst);
         Volume<float>* maps[3] = {&mx, &my, &mz};
         const int lo[3] = {box.x, box.y, box.z},
@@ -123,78 +134,40 @@ void remapAgainstReference() {
             maps[a]->fill([&](int, int, int) { return rng() % 4 ? u(rng) : special[rng() % 5]; });
         }
         const bool plane = g.src.depth == 1;
-        for (int mode : kModes) {
-            Volume<T> dst(g.dst), before(g.dst);
-            dst.fillRandom(9);
-            before.fillRandom(9);
-            const QelStatus st = remap(src, g.box, maps, dst, mode);
-            if (plane && (mode == 5 || mode == 7)) {  // the plane remap knows 1, 2, 4, 6
-                EXPECT_EQ(st, qelErrInterpolation);
-                continue;
-            }
-            ASSERT_EQ(st, qelOk);
-            const int smallest =
-                std::min({g.src.width, g.src.height, plane ? g.src.height : g.src.depth});
-            expectAt(false, src, box, degraded(mode, smallest), before, dst,
-                     [&](int x, int y, int z, double p[3]) {
-                         // The plane remap writes the first destination plane only.
-                         for (int a = 0; a < 3; ++a)
-                             p[a] = plane && z > 0 ? NAN : maps[a]->at(x, y, z);
-                     });
-        }
-    }
-}
-
-TEST(Remap, EveryTypeAndModeAgainstTheClosedForms) {
-    remapAgainstReference<uint8_t>();
-    remapAgainstReference<uint16_t>();
-    remapAgainstReference<float>();
-}
-
-template <class T>
-void warpAgainstReference() {
-    // A rotation with scaling and translation, and its inverse by Cramer's rule.
-    const Coeffs c = {{0.9, -0.3, 0.1, 2.5}, {0.35, 1.1, -0.2, -1.25}, {0.05, 0.25, 1.2, 0.5}};
-    double inv[3][4];
-    const auto m = [&](int i, int j) { return c[i % 3][j % 3]; };
-    const double det = c[0][0] * (c[1][1] * c[2][2] - c[1][2] * c[2][1]) -
-                       c[0][1] * (c[1][0] * c[2][2] - c[1][2] * c[2][0]) +
-                       c[0][2] * (c[1][0] * c[2][1] - c[1][1] * c[2][0]);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j)
-            inv[i][j] =
-                (m(j + 1, i + 1) * m(j + 2, i + 2) - m(j + 1, i + 2) * m(j + 2, i + 1)) / det;
-    for (int i = 0; i < 3; ++i)
-        inv[i][3] = -(inv[i][0] * c[0][3] + inv[i][1] * c[1][3] + inv[i][2] * c[2][3]);
-    for (const Geometry& g : kGeometries) {
-        Volume<T> src(g.src);
-        src.fillRandom(4, true);
-        const QelBox3D box = accepted(g.box, g.src),
-                       dbox{1, 0, 1, g.dst.width - 1, g.dst.height, g.dst.depth - 1};
-        const bool plane = g.src.depth == 1;
         const int smallest =
             std::min({g.src.width, g.src.height, plane ? g.src.height : g.src.depth});
         for (int mode : kModes) {
             Volume<T> dst(g.dst), before(g.dst);
-            dst.fillRandom(8);
-            before.fillRandom(8);
-            ASSERT_EQ(warp(src, g.box, dst, dbox, c, mode), qelOk);
-            // Elements outside the destination box map to NaN: never written.
-            expectAt(true, src, box, degraded(mode, smallest), before, dst,
+            dst.fillRandom(9);
+            before.fillRandom(9);
+            const QelStatus st =
+                isWarp ? warp(src, g.box, dst, dbox, c, mode) : remap(src, g.box, maps, dst, mode);
+            if (!isWarp && plane && (mode == 5 || mode == 7)) {  // the plane remap knows 1, 2, 4, 6
+                EXPECT_EQ(st, qelErrInterpolation);
+                continue;
+            }
+            ASSERT_EQ(st, qelOk);
+            // Warp: elements outside the destination box never written.
+            // Remap: the plane remap writes the first destination plane only.
+            expectAt(isWarp, src, box, degraded(mode, smallest), before, dst,
                      [&](int x, int y, int z, double p[3]) {
-                         const bool in = x >= dbox.x && z >= dbox.z;
+                         const bool in = isWarp ? x >= dbox.x && z >= dbox.z : !plane || z == 0;
                          for (int a = 0; a < 3; ++a)
-                             p[a] = in ? inv[a][0] * x + inv[a][1] * y + inv[a][2] * z + inv[a][3]
-                                       : NAN;
+                             p[a] = !in ? NAN
+                                    : isWarp
+                                        ? inv[a][0] * x + inv[a][1] * y + inv[a][2] * z + inv[a][3]
+                                        : maps[a]->at(x, y, z);
                      });
         }
     }
 }
 
-TEST(WarpAffine, EveryTypeAndModeAgainstTheClosedForms) {
-    warpAgainstReference<uint8_t>();
-    warpAgainstReference<uint16_t>();
-    warpAgainstReference<float>();
+TEST(RemapAndWarp, EveryTypeAndModeAgainstTheClosedForms) {
+    for (bool isWarp : {false, true}) {
+        againstReference<uint8_t>(isWarp);
+        againstReference<uint16_t>(isWarp);
+        againstReference<float>(isWarp);
+    }
 }
 
 // A unit impulse sampled half an element off: the weights at distances 0.5
