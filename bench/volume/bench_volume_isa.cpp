@@ -2,9 +2,10 @@
 // one run, beside the memory bound: a copy of the bytes the call must move
 // (source, maps and destination, each once).
 //
-// Runs alternate between the variants (and the copy); every figure is the
-// median of the runs, in nanoseconds of the thread's CPU time per destination
-// element, so other load on the machine disturbs it little.
+// Runs alternate between the variants (and the copy); the figures are the
+// median and the minimum of the runs, in nanoseconds of the thread's CPU time
+// per destination element (the minimum is the run least disturbed by other
+// load on the machine, which only ever slows a run down).
 //
 // Usage: bench_volume_isa [runs] [filter]   (filter: a substring of the case)
 #include <qelcore.h>
@@ -86,7 +87,11 @@ void runCase(const Case& c, int runs) {
         }
     }
     const double s = median(t[0]), a = avx2 ? median(t[1]) : NAN, m = median(t[2]);
-    std::printf("%-28s %9.3f %9.3f %7.2fx %9.3f %8.2f\n", c.name.c_str(), s, a, s / a, m, s / m);
+    const double sMin = *std::min_element(t[0].begin(), t[0].end());
+    const double aMin = avx2 ? *std::min_element(t[1].begin(), t[1].end()) : NAN;
+    const double mMin = *std::min_element(t[2].begin(), t[2].end());
+    std::printf("%-26s %8.3f %8.3f %6.2fx %7.3f | %8.3f %8.3f %6.2fx %7.3f\n", c.name.c_str(), s, a,
+                s / a, m, sMin, aMin, sMin / aMin, mMin);
 }
 
 template <class T>
@@ -220,9 +225,10 @@ int main(int argc, char** argv) {
     addCases<uint16_t>(cases);
     addCases<float>(cases);
     addFilterCases(cases);
-    std::printf("ns per destination element (thread CPU time), median of %d runs, 1 thread\n", runs);
-    std::printf("%-28s %9s %9s %8s %9s %8s\n", "case", "sse3", "avx2", "sse/avx", "copy",
-                "sse/copy");
+    std::printf("ns per destination element (thread CPU time), 1 thread, %d interleaved runs: "
+                "median | minimum\n", runs);
+    std::printf("%-26s %8s %8s %7s %7s | %8s %8s %7s %7s\n", "case", "sse3", "avx2", "ratio", "copy",
+                "sse3", "avx2", "ratio", "copy");
     for (const Case& c : cases) {
         if (c.name.find(filter) != std::string::npos) runCase(c, runs);
     }

@@ -147,35 +147,98 @@ void accumulateKernelRow(float* acc, const int16_t* s, const int32_t* k, int32_t
     }
 }
 
+// The first source element of tap 0 for destination element 0 of row (y, z)
+// in kernel row (r, q): s[i - p] is the element of tap p for destination i.
+// The anchor may move the row and plane past the 32-bit range: they are
+// formed in 64 bits.
+const int16_t* tapRow(const FilterJob& job, int32_t y, int32_t z, int32_t r, int32_t q) {
+    return rowOfPV(job.src, job.srcRowStep, int64_t{y} + job.anchor.y - q,
+                   int64_t{z} + job.anchor.z - r) +
+           job.anchor.x;
+}
+
+// Destination elements from `first` to the end of row (y, z), kernel rows
+// outer, through the float row accumulator `acc`.
+void filterRowTail(const FilterJob& job, int32_t y, int32_t z, int32_t first, float* acc,
+                   int16_t* out) {
+    const int32_t n = job.roi.width - first;
+    const int32_t kw = job.kernelSize.width, kh = job.kernelSize.height;
+    for (int32_t i = 0; i < n; ++i) acc[i] = 0.0f;
+    for (int32_t r = 0; r < job.kernelSize.depth; ++r) {
+        for (int32_t q = 0; q < kh; ++q) {
+            const int16_t* s = tapRow(job, y, z, r, q) + first;
+            const int32_t* k = job.kernel + (int64_t(r) * kh + q) * kw;
+            if (kw == 3) {
+                accumulateKernelRow<3>(acc, s, k, kw, n);
+            } else if (kw == 5) {
+                accumulateKernelRow<5>(acc, s, k, kw, n);
+            } else {
+                accumulateKernelRow<0>(acc, s, k, kw, n);
+            }
+        }
+    }
+    storeRow(acc, out + first, n, job.reciprocal, job.unitDivisor);
+}
+
+#if QELR_SIMD_LANES == 8
+// Eight lanes: blocks of destination elements outer and kernel rows inner,
+// the float accumulators held in registers (the same additions in the same
+// order as through the row accumulator). Returns the elements done.
+template <int kWidth>
+int32_t filterRowBlocks(const FilterJob& job, int32_t y, int32_t z, int16_t* out) {
+    const int32_t kw = job.kernelSize.width, kh = job.kernelSize.height;
+    const int taps = kWidth > 0 ? kWidth : kw;
+    const auto sums = [&](int32_t i, auto&& add) {
+        for (int32_t r = 0; r < job.kernelSize.depth; ++r) {
+            for (int32_t q = 0; q < kh; ++q) {
+                const int16_t* s = tapRow(job, y, z, r, q) + i;
+                const int32_t* k = job.kernel + (int64_t(r) * kh + q) * kw;
+                add(s, k);
+            }
+        }
+    };
+    const auto rowSum = [&](const int16_t* s, const int32_t* k) {
+        Vi sum = simd::mulWrap(simd::loadWidenI16<8>(s), Vi(k[0]));
+        for (int p = 1; p < taps; ++p)
+            sum = sum + simd::mulWrap(simd::loadWidenI16<8>(s - p), Vi(k[p]));
+        return sum;
+    };
+    const auto store = [&](int32_t i, Vf acc) {
+        storeRounded(out + i, job.unitDivisor ? acc : acc * Vf(job.reciprocal));
+    };
+    int32_t i = 0;
+    for (; i + 16 <= job.roi.width; i += 16) {
+        Vf acc0 = Vf::zero(), acc1 = Vf::zero();
+        sums(i, [&](const int16_t* s, const int32_t* k) {
+            acc0 = acc0 + simd::toFloat(rowSum(s, k));
+            acc1 = acc1 + simd::toFloat(rowSum(s + 8, k));
+        });
+        store(i, acc0);
+        store(i + 8, acc1);
+    }
+    for (; i + 8 <= job.roi.width; i += 8) {
+        Vf acc = Vf::zero();
+        sums(i,
+             [&](const int16_t* s, const int32_t* k) { acc = acc + simd::toFloat(rowSum(s, k)); });
+        store(i, acc);
+    }
+    return i;
+}
+#endif
+
 // Destination planes [zBegin, zEnd) with the float row accumulator `acc`.
 void filterPlanes(const FilterJob& job, int32_t zBegin, int32_t zEnd, float* acc) {
-    const int32_t width = job.roi.width;
-    const int32_t kw = job.kernelSize.width, kh = job.kernelSize.height;
-    const int32_t kd = job.kernelSize.depth;
     for (int32_t z = zBegin; z < zEnd; ++z) {
         for (int32_t y = 0; y < job.roi.height; ++y) {
-            for (int32_t i = 0; i < width; ++i) acc[i] = 0.0f;
-            for (int32_t r = 0; r < kd; ++r) {
-                for (int32_t q = 0; q < kh; ++q) {
-                    // s[i - p] is the source element of tap p for destination i.
-                    // The anchor may move the row and plane past the 32-bit
-                    // range: they are formed in 64 bits.
-                    const int16_t* s =
-                        rowOfPV(job.src, job.srcRowStep, int64_t{y} + job.anchor.y - q,
-                                int64_t{z} + job.anchor.z - r) +
-                        job.anchor.x;
-                    const int32_t* k = job.kernel + (int64_t(r) * kh + q) * kw;
-                    if (kw == 3) {
-                        accumulateKernelRow<3>(acc, s, k, kw, width);
-                    } else if (kw == 5) {
-                        accumulateKernelRow<5>(acc, s, k, kw, width);
-                    } else {
-                        accumulateKernelRow<0>(acc, s, k, kw, width);
-                    }
-                }
-            }
-            storeRow(acc, rowOfPV(job.dst, job.dstRowStep, y, z), width, job.reciprocal,
-                     job.unitDivisor);
+            int16_t* out = rowOfPV(job.dst, job.dstRowStep, y, z);
+            int32_t done = 0;
+#if QELR_SIMD_LANES == 8
+            const int32_t kw = job.kernelSize.width;
+            done = kw == 3   ? filterRowBlocks<3>(job, y, z, out)
+                   : kw == 5 ? filterRowBlocks<5>(job, y, z, out)
+                             : filterRowBlocks<0>(job, y, z, out);
+#endif
+            if (done < job.roi.width) filterRowTail(job, y, z, done, acc, out);
         }
     }
 }

@@ -9,6 +9,7 @@
 // in z, converted and stored. All scratch lives in the caller's buffer.
 
 #include <cmath>
+#include <cstring>
 
 #include "core/impl.h"
 #include "qelcore.h"
@@ -226,12 +227,22 @@ void resizeNearest(const Call& c, const Src& src, const Dst& dst, int32_t zBegin
     buildNearest(c.x, 0, w, s.x.index);
     buildNearest(c.y, 0, h, s.y.index);
     buildNearest(c.z, zBegin, zEnd - zBegin, s.z.index);
+    // A destination row or plane that reads the same source row or plane as
+    // the one before it is a copy of that one.
+    const size_t rowBytes = sizeof(T) * static_cast<size_t>(w);
     for (int32_t z = zBegin; z < zEnd; ++z) {
         const int32_t zs = s.z.index[z - zBegin];
+        const bool samePlane = z > zBegin && zs == s.z.index[z - zBegin - 1];
         for (int32_t y = 0; y < h; ++y) {
-            const T* in = src.row(s.y.index[y], zs);
             T* out = dst.row(c.y.lo + y, c.z.lo + z) + c.x.lo;
-            for (int32_t x = 0; x < w; ++x) out[x] = in[s.x.index[x]];
+            if (samePlane) {
+                std::memcpy(out, dst.row(c.y.lo + y, c.z.lo + z - 1) + c.x.lo, rowBytes);
+            } else if (y > 0 && s.y.index[y] == s.y.index[y - 1]) {
+                std::memcpy(out, dst.row(c.y.lo + y - 1, c.z.lo + z) + c.x.lo, rowBytes);
+            } else {
+                const T* in = src.row(s.y.index[y], zs);
+                for (int32_t x = 0; x < w; ++x) out[x] = in[s.x.index[x]];
+            }
         }
     }
 }
