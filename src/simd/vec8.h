@@ -75,6 +75,10 @@ QELR_INLINE F32<8> select(F32<8> mask, F32<8> a, F32<8> b) {
 QELR_INLINE int laneBits(F32<8> mask) { return _mm256_movemask_ps(mask.v); }
 QELR_INLINE float firstLane(F32<8> a) { return _mm256_cvtss_f32(a.v); }
 
+// Each half as the four-lane pairwiseAdd of the halves of a and b:
+// (a0 + a1, a2 + a3, b0 + b1, b2 + b3, a4 + a5, a6 + a7, b4 + b5, b6 + b7).
+QELR_INLINE F32<8> pairwiseAdd(F32<8> a, F32<8> b) { return F32<8>(_mm256_hadd_ps(a.v, b.v)); }
+
 // Rows of two 4 x 4 blocks (lanes 0-3 and 4-7): each block transposed, as the
 // four-lane transpose does, so lane 4h + j of row i and lane 4h + i of row j
 // change places.
@@ -172,6 +176,9 @@ struct F64<4> {
     QELR_INLINE static F64 zero() { return F64(_mm256_setzero_pd()); }
     QELR_INLINE static F64 load(const double* p) { return F64(_mm256_load_pd(p)); }
     QELR_INLINE static F64 loadu(const double* p) { return F64(_mm256_loadu_pd(p)); }
+    QELR_INLINE static F64 of(double a0, double a1, double a2, double a3) {
+        return F64(_mm256_setr_pd(a0, a1, a2, a3));
+    }
 };
 
 QELR_INLINE void store(double* p, F64<4> a) { _mm256_store_pd(p, a.v); }

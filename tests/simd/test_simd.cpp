@@ -377,6 +377,9 @@ TEST_F(Simd, FourLaneReductionsAndShufflesHaveOneOrder) {
     store(zipped, zipHigh16(a16, b16));
     for (int i = 0; i < 4; ++i) EXPECT_EQ(zipped[i], (0x14 + i) << 16 | (4 + i));
 #if QELR_SIMD_LANES == 8
+    alignas(32) double lanes[4];
+    store(lanes, F64<4>::of(1.5, -2.0, 3.25, 4.0));
+    EXPECT_TRUE(lanes[0] == 1.5 && lanes[1] == -2.0 && lanes[2] == 3.25 && lanes[3] == 4.0);
     // Eight lanes: each half transposed as its own 4 x 4 block.
     F32<8> w[4];
     alignas(32) float in[8], wide[8];
@@ -384,6 +387,9 @@ TEST_F(Simd, FourLaneReductionsAndShufflesHaveOneOrder) {
         for (int j = 0; j < 8; ++j) in[j] = 8.0f * k + j;
         w[k] = F32<8>::load(in);
     }
+    store(wide, pairwiseAdd(w[0], w[1]));  // rows 0 (0..7) and 1 (8..15)
+    const float sums[8] = {1, 5, 17, 21, 9, 13, 25, 29};
+    for (int j = 0; j < 8; ++j) EXPECT_EQ(wide[j], sums[j]);
     transpose(w[0], w[1], w[2], w[3]);
     for (int k = 0; k < 4; ++k) {
         store(wide, w[k]);
