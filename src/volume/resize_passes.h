@@ -90,12 +90,12 @@ void resampleRowCubic(const T* src, int32_t extent, const AxisTable& t, Runs run
     int32_t k = 0;
     for (; k < runs.left; ++k) out[k] = cubicSample(src, extent, index[k], weights + 4 * k);
     for (; k + kLanes <= end; k += kLanes) {
-        // Rows of products become columns of taps: lane l of p[j] holds tap j
-        // of element k + l.
+        // Element k + j's products in p[j] (k + j + 4 in the high half): two
+        // rounds of pairwise sums give (p0 + p1) + (p2 + p3) per element.
         Vf p[4];
         for (int j = 0; j < 4; ++j) p[j] = tapProducts(src, index, weights, k + j);
-        simd::transpose(p[0], p[1], p[2], p[3]);
-        simd::storeu(out + k, (p[0] + p[1]) + (p[2] + p[3]));
+        simd::storeu(out + k, simd::pairwiseAdd(simd::pairwiseAdd(p[0], p[1]),
+                                                simd::pairwiseAdd(p[2], p[3])));
     }
     for (; k < w; ++k) out[k] = cubicSample(src, extent, index[k], weights + 4 * k);
 }
@@ -141,18 +141,23 @@ void sumRows2(const float* r0, const float* r1, float w0, float w1, int32_t n, T
 
 // out = (w0 r0 + w1 r1) + (w2 r2 + w3 r3).
 template <class T>
-void sumRows4(const float* const r[4], const float w[4], int32_t n, T* out) {
+void sumRows4(const float* const rows[4], const float weights[4], int32_t n, T* out) {
+    // Local copies: the stores to `out` could otherwise alias them.
+    const float* const r0 = rows[0];
+    const float* const r1 = rows[1];
+    const float* const r2 = rows[2];
+    const float* const r3 = rows[3];
+    const float w0 = weights[0], w1 = weights[1], w2 = weights[2], w3 = weights[3];
     forRow(
         n,
         [&]<int N>(int32_t x) {
             using V = simd::F32<N>;
-            const V a = V(w[0]) * V::load(r[0] + x) + V(w[1]) * V::load(r[1] + x);
-            const V b = V(w[2]) * V::load(r[2] + x) + V(w[3]) * V::load(r[3] + x);
+            const V a = V(w0) * V::load(r0 + x) + V(w1) * V::load(r1 + x);
+            const V b = V(w2) * V::load(r2 + x) + V(w3) * V::load(r3 + x);
             storeTruncated(out + x, a + b);
         },
         [&](int32_t x) {
-            out[x] = truncateToElement<T>((w[0] * r[0][x] + w[1] * r[1][x]) +
-                                          (w[2] * r[2][x] + w[3] * r[3][x]));
+            out[x] = truncateToElement<T>((w0 * r0[x] + w1 * r1[x]) + (w2 * r2[x] + w3 * r3[x]));
         });
 }
 

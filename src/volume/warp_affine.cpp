@@ -97,17 +97,27 @@ struct Positions {
 };
 
 inline Positions positionsOf(const Bounds& b, const double (&d)[3][4], double p[3], int n) {
-    alignas(32) double q[3][kLanes];
-    for (int l = 0; l < kLanes; ++l) {
-        for (int a = 0; a < 3; ++a) {
-            q[a][l] = l < n ? p[a] : b.first[a];
-            if (l < n) p[a] += d[a][0];
+    // The positions stay in registers: vectors built from scalars, not read
+    // back from memory just written.
+    double q[3][kLanes];
+    for (int a = 0; a < 3; ++a) {
+        double v = p[a];
+        for (int l = 0; l < kLanes; ++l) {
+            q[a][l] = l < n ? v : b.first[a];
+            if (l < n) v += d[a][0];
         }
+        p[a] = v;
     }
     Positions r;
     Vd in = Vd(1.0) == Vd(1.0);
     for (int a = 0; a < 3; ++a) {
-        r.c[a] = Vd::load(q[a]);
+        const double* v = q[a];
+#if QELR_SIMD_LANES == 8
+        r.c[a] =
+            Vd(simd::F64<4>::of(v[0], v[1], v[2], v[3]), simd::F64<4>::of(v[4], v[5], v[6], v[7]));
+#else
+        r.c[a] = Vd(simd::F64<2>::of(v[0], v[1]), simd::F64<2>::of(v[2], v[3]));
+#endif
         in = in & (r.c[a] >= Vd(double(b.first[a]))) & (r.c[a] <= Vd(double(b.last[a])));
     }
     r.mask = in;

@@ -16,29 +16,8 @@ using namespace volume_test;
 
 namespace {
 
-// A source addressed relative to an origin `margin` elements, rows and planes
-// inside an allocated volume, so that taps may reach below the origin; with
-// `flip` the rows run backwards (negative row step).
-struct SourceView {
-    Volume<int16_t> vol;
-    int margin, rowStep;
-    std::vector<const int16_t*> planes;
-
-    SourceView(int w, int h, int d, int margin, bool flip, uint32_t seed)
-        : vol({w + 2 * margin, h + 2 * margin, d + 2 * margin}), margin(margin) {
-        vol.fillRandom(seed);
-        for (int z = 0; z < vol.size.depth; ++z)
-            planes.push_back(&vol.at(margin, flip ? vol.size.height - 1 - margin : margin, z));
-        rowStep = flip ? -vol.rowStep : vol.rowStep;
-    }
-    const int16_t* const* data() const { return planes.data() + margin; }
-    int16_t at(int x, int y, int z) const {
-        const auto* row = reinterpret_cast<const uint8_t*>(data()[z]) + ptrdiff_t(y) * rowStep;
-        return reinterpret_cast<const int16_t*>(row)[x];
-    }
-};
-
-int16_t referenceVoxel(const SourceView& s, int i, int j, int k, const std::vector<int32_t>& K,
+template <class At>
+int16_t referenceVoxel(const At& at, int i, int j, int k, const std::vector<int32_t>& K,
                        QelVolumeSize ks, QelOffset3D a, int divisor) {
     float acc = 0.0f;
     for (int r = 0; r < ks.depth; ++r) {
@@ -46,8 +25,7 @@ int16_t referenceVoxel(const SourceView& s, int i, int j, int k, const std::vect
             uint32_t sum = 0;  // wrapping 32-bit row sum
             for (int p = 0; p < ks.width; ++p) {
                 const int32_t kv = K[(size_t(r) * ks.height + q) * ks.width + p];
-                sum +=
-                    uint32_t(kv) * uint32_t(int32_t(s.at(i + a.x - p, j + a.y - q, k + a.z - r)));
+                sum += uint32_t(kv) * uint32_t(int32_t(at(i + a.x - p, j + a.y - q, k + a.z - r)));
             }
             acc += float(int32_t(sum));
         }
@@ -68,8 +46,15 @@ struct Case {
 void runCase(const Case& c, uint32_t seed) {
     SCOPED_TRACE(::testing::Message() << "kernel " << c.ks.width << "x" << c.ks.height << "x"
                                       << c.ks.depth << " divisor " << c.divisor);
-    const int margin = 8;
-    const SourceView src(c.roi.width, c.roi.height, c.roi.depth, margin, c.flip, seed);
+    // The region's origin 8 elements, rows and planes inside the source, so
+    // that taps may reach below it; with `flip` the rows run backwards.
+    const int m = 8;
+    Volume<int16_t> src({c.roi.width + 2 * m, c.roi.height + 2 * m, c.roi.depth + 2 * m});
+    src.fillRandom(seed);
+    const auto row = [&](int y) { return c.flip ? src.size.height - 1 - m - y : m + y; };
+    const auto at = [&](int x, int y, int z) { return src.at(m + x, row(y), m + z); };
+    std::vector<const int16_t*> planes;
+    for (int z = 0; z < src.size.depth; ++z) planes.push_back(&src.at(m, row(0), z));
     std::mt19937 rng(seed);
     std::vector<int32_t> K(size_t(c.ks.width) * c.ks.height * c.ks.depth);
     std::uniform_int_distribution<int32_t> narrow(-300, 300);
@@ -81,9 +66,9 @@ void runCase(const Case& c, uint32_t seed) {
         int size = 0;
         EXPECT_EQ(QELR_VARIANT(i, qelrFilterGetBufSize)(c.roi, c.ks, 1, &size), qelOk);
         std::vector<uint8_t> buffer(size + 1);  // + 1: the buffer need not be aligned
-        return QELR_VARIANT(i, qelrFilter_16s_C1PV)(src.data(), src.rowStep, dst.planes.data(),
-                                                    dst.rowStep, c.roi, K.data(), c.ks, c.anchor,
-                                                    c.divisor, buffer.data() + 1);
+        return QELR_VARIANT(i, qelrFilter_16s_C1PV)(
+            planes.data() + m, c.flip ? -src.rowStep : src.rowStep, dst.planes.data(), dst.rowStep,
+            c.roi, K.data(), c.ks, c.anchor, c.divisor, buffer.data() + 1);
     });
     ASSERT_EQ(st, qelOk);
     size_t mismatches = 0;
@@ -91,7 +76,7 @@ void runCase(const Case& c, uint32_t seed) {
         for (int j = 0; j < c.roi.height; ++j)
             for (int i = 0; i < c.roi.width; ++i)
                 mismatches +=
-                    dst.at(i, j, k) != referenceVoxel(src, i, j, k, K, c.ks, c.anchor, c.divisor);
+                    dst.at(i, j, k) != referenceVoxel(at, i, j, k, K, c.ks, c.anchor, c.divisor);
     EXPECT_EQ(mismatches, 0u);
     for (int j = 0; j < c.roi.height; ++j)  // the row padding is not written
         EXPECT_EQ(dst.at(c.roi.width, j, 0), int16_t(0xA5A5));
