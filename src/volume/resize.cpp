@@ -53,16 +53,14 @@ namespace {
 class Carver {
  public:
     explicit Carver(uint8_t* slice)
-        : base_(slice), used_(slice ? (64 - reinterpret_cast<uintptr_t>(slice) % 64) % 64 : 63) {}
+        : base_(slice), used_((64 - reinterpret_cast<uintptr_t>(slice) % 64) % 64) {}
 
     template <class T>
     T* take(size_t count) {
-        T* p = base_ ? reinterpret_cast<T*>(base_ + used_) : nullptr;
+        T* p = reinterpret_cast<T*>(base_ + used_);
         used_ += (count * sizeof(T) + 63) & ~size_t{63};
         return p;
     }
-
-    size_t used() const { return used_; }
 
  private:
     uint8_t* base_;
@@ -91,7 +89,6 @@ Scratch carveScratch(int mode, int32_t w, int32_t h, int32_t planes, uint8_t* sl
         s.rows = c.take<float>(ring * s.rowStride);
         s.planes = c.take<float>(ring * s.planeStride);
     }
-    s.bytesUsed = c.used();
     return s;
 }
 

@@ -45,8 +45,6 @@ constexpr KernelTable kTables[4] = {makeTable(qelInterpCubic), makeTable(qelInte
 
 }  // namespace
 
-double cubicKernel(int mode, double d) { return kernelAt(mode, d); }
-
 void cubicWeights(int mode, float f, float w[4]) {
     const float t0 = -1.0f - f;
     const float t[4] = {t0, t0 + 1.0f, t0 + 2.0f, t0 + 3.0f};

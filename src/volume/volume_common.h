@@ -108,10 +108,6 @@ inline T* rowOfPV(T* const* planes, int rowStep, ptrdiff_t y, ptrdiff_t z) {
 // ---------------------------------------------------------------------------
 // Cubic kernels
 
-// Weight of the mode's cubic kernel at distance d >= 0 (0 from d = 2 on),
-// each polynomial evaluated in double in the arrangement that fixes its bits.
-double cubicKernel(int mode, double d);
-
 // The four weights of the taps at -1, 0, +1, +2 from the floor of a sample
 // position with fraction f: the tap distances are formed in single precision
 // from -1 - f, the kernel evaluated in double and rounded to float.
