@@ -121,17 +121,20 @@ void linearRow(const T* const* src, int srcRowStep, const Bounds& box, T* dst, i
         const LinearAxis ay = linearAxis(b.c[1], box.first[1], box.last[1]);
         const LinearAxis az = linearAxis(b.c[2], box.first[2], box.last[2]);
         const Lanes xs(ax.base), ys(ay.base), z0(az.base), z1(az.next);
-        const T* corner[4][kLanes];
+        // The pairs in rows y0 and y1 of planes z0 and z1.
+        const T* near[kLanes];
+        const T* far[kLanes];
         for (int l = 0; l < kLanes; ++l) {
             const ptrdiff_t offset =
                 static_cast<ptrdiff_t>(ys[l]) * srcRowStep +
                 static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
-            corner[0][l] = byteOffset(src[z0[l]], offset);
-            corner[1][l] = byteOffset(corner[0][l], nextRow);
-            corner[2][l] = byteOffset(src[z1[l]], offset);
-            corner[3][l] = byteOffset(corner[2][l], nextRow);
+            near[l] = byteOffset(src[z0[l]], offset);
+            far[l] = byteOffset(src[z1[l]], offset);
         }
-        const Vf v = trilinear(corner, box.last[0] > box.first[0], ax.frac, ay.frac, az.frac);
+        const auto corner = [&](int r, int l) {
+            return byteOffset(r < 2 ? near[l] : far[l], r & 1 ? nextRow : 0);
+        };
+        const Vf v = trilinear<T>(corner, box.last[0] > box.first[0], ax.frac, ay.frac, az.frac);
         storeRoundedMasked(dst + i, v, b.inside);
     });
 }

@@ -294,21 +294,22 @@ QELR_INLINE V lerp(V a, V b, V f) {
 
 namespace qelr::QELR_ISA::volume {
 
-// Trilinear at kLanes positions. corner[r][l] points at the first element of
+// Trilinear at kLanes positions. corner(r, l) points at the first element of
 // lane l's pair along x in row r: r = 0 (y0, z0), 1 (y1, z0), 2 (y0, z1),
 // 3 (y1, z1); the pair is the element and the next one (or the element twice
 // when `pairAlongX` is false). Blended along x, then y, then z.
-template <class T>
-QELR_INLINE Vf trilinear(const T* const (&corner)[4][kLanes], bool pairAlongX, Vf fx, Vf fy,
-                         Vf fz) {
+template <class T, class Corner>
+QELR_INLINE Vf trilinear(Corner&& corner, bool pairAlongX, Vf fx, Vf fy, Vf fz) {
     Vf along[4];
     for (int r = 0; r < 4; ++r) {
+        const T* p[kLanes];
+        for (int l = 0; l < kLanes; ++l) p[l] = corner(r, l);
         Vf a, b;
         if (pairAlongX) {
-            loadPairs(corner[r], a, b);
+            loadPairs(p, a, b);
         } else {
             T v[kLanes];
-            for (int l = 0; l < kLanes; ++l) v[l] = corner[r][l][0];
+            for (int l = 0; l < kLanes; ++l) v[l] = p[l][0];
             a = b = vectorOf(v);
         }
         along[r] = lerp(a, b, fx);

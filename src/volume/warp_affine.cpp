@@ -171,12 +171,17 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
                 f[a] = simd::narrow(c - simd::toDouble(k));
             }
             const Lanes ix(i[0]), iy(i[1]), iz(i[2]);
-            const T* corner[4][kLanes];
+            // The pairs in rows y and y + 1 of planes z and z + 1.
+            const T* near[kLanes];
+            const T* far[kLanes];
             for (int l = 0; l < kLanes; ++l) {
-                for (int r = 0; r < 4; ++r)
-                    corner[r][l] = s.row(iy[l] + (r & 1), iz[l] + (r >> 1)) + ix[l];
+                near[l] = s.row(iy[l], iz[l]) + ix[l];
+                far[l] = s.row(iy[l], iz[l] + 1) + ix[l];
             }
-            storeRoundedMasked(out + x, trilinear(corner, true, f[0], f[1], f[2]), q.inside);
+            const auto corner = [&](int r, int l) {
+                return byteOffset(r < 2 ? near[l] : far[l], r & 1 ? ptrdiff_t{s.rowStep} : 0);
+            };
+            storeRoundedMasked(out + x, trilinear<T>(corner, true, f[0], f[1], f[2]), q.inside);
         } else {
             const Lanes ix(simd::truncToInt(q.c[0])), iy(simd::truncToInt(q.c[1]));
             const Lanes iz(simd::truncToInt(q.c[2]));
