@@ -207,15 +207,15 @@ QELR_INLINE void storeTruncated(T* p, simd::F32<N> v) {
 }
 
 // Rounded lanes written only where bit l of `mask` is set.
-template <class T>
-QELR_INLINE void storeRoundedMasked(T* p, Vf v, int mask) {
-    if (mask == (1 << kLanes) - 1) {
+template <class T, int N>
+QELR_INLINE void storeRoundedMasked(T* p, simd::F32<N> v, int mask) {
+    if (mask == (1 << N) - 1) {
         storeRounded(p, v);
         return;
     }
-    alignas(32) float lanes[kLanes];
+    alignas(32) float lanes[N];
     simd::store(lanes, v);
-    for (int l = 0; l < kLanes; ++l) {
+    for (int l = 0; l < N; ++l) {
         if (mask & (1 << l)) p[l] = roundToElement<T>(lanes[l]);
     }
 }
@@ -223,25 +223,21 @@ QELR_INLINE void storeRoundedMasked(T* p, Vf v, int mask) {
 // ---------------------------------------------------------------------------
 // Vectors from per-lane values
 
-template <class T>
-QELR_INLINE Vf vectorOf(const T (&v)[kLanes]) {
-    if constexpr (std::is_same_v<T, float>) {
+template <class T, int N>
+QELR_INLINE simd::F32<N> vectorOf(const T (&v)[N]) {
+    using F4 = simd::F32<4>;
+    using I4 = simd::I32<4>;
+    const auto four = [&](int o) {
+        if constexpr (std::is_same_v<T, float>)
+            return F4::of(v[o], v[o + 1], v[o + 2], v[o + 3]);
+        else
+            return simd::toFloat(
+                I4::of(int32_t(v[o]), int32_t(v[o + 1]), int32_t(v[o + 2]), int32_t(v[o + 3])));
+    };
 #if QELR_SIMD_LANES == 8
-        return simd::combine(simd::F32<4>::of(v[0], v[1], v[2], v[3]),
-                             simd::F32<4>::of(v[4], v[5], v[6], v[7]));
-#else
-        return Vf::of(v[0], v[1], v[2], v[3]);
+    if constexpr (N == 8) return simd::combine(four(0), four(4));
 #endif
-    } else {
-        int32_t i[kLanes];
-        for (int l = 0; l < kLanes; ++l) i[l] = static_cast<int32_t>(v[l]);
-#if QELR_SIMD_LANES == 8
-        return simd::toFloat(simd::combine(simd::I32<4>::of(i[0], i[1], i[2], i[3]),
-                                           simd::I32<4>::of(i[4], i[5], i[6], i[7])));
-#else
-        return simd::toFloat(Vi::of(i[0], i[1], i[2], i[3]));
-#endif
-    }
+    if constexpr (N == 4) return four(0);
 }
 
 // The element pairs (p[l][0], p[l][1]) of every lane as two float vectors:
@@ -268,17 +264,18 @@ QELR_INLINE void loadFourPairs(const T* const* p, simd::F32<4>& first, simd::F32
 }
 }  // namespace detail
 
-template <class T>
-QELR_INLINE void loadPairs(const T* const (&p)[kLanes], Vf& first, Vf& second) {
+template <class T, int N>
+QELR_INLINE void loadPairs(const T* const (&p)[N], simd::F32<N>& first, simd::F32<N>& second) {
 #if QELR_SIMD_LANES == 8
-    simd::F32<4> a0, b0, a1, b1;
-    detail::loadFourPairs(p, a0, b0);
-    detail::loadFourPairs(p + 4, a1, b1);
-    first = simd::combine(a0, a1);
-    second = simd::combine(b0, b1);
-#else
-    detail::loadFourPairs(p, first, second);
+    if constexpr (N == 8) {
+        simd::F32<4> a0, b0, a1, b1;
+        detail::loadFourPairs(p, a0, b0);
+        detail::loadFourPairs(p + 4, a1, b1);
+        first = simd::combine(a0, a1);
+        second = simd::combine(b0, b1);
+    }
 #endif
+    if constexpr (N == 4) detail::loadFourPairs(p, first, second);
 }
 
 // a (1 - f) + b f.
@@ -294,22 +291,23 @@ QELR_INLINE V lerp(V a, V b, V f) {
 
 namespace qelr::QELR_ISA::volume {
 
-// Trilinear at kLanes positions. corner(r, l) points at the first element of
+// Trilinear at N positions. corner(r, l) points at the first element of
 // lane l's pair along x in row r: r = 0 (y0, z0), 1 (y1, z0), 2 (y0, z1),
 // 3 (y1, z1); the pair is the element and the next one (or the element twice
 // when `pairAlongX` is false). Blended along x, then y, then z.
-template <class T, class Corner>
-QELR_INLINE Vf trilinear(Corner&& corner, bool pairAlongX, Vf fx, Vf fy, Vf fz) {
-    Vf along[4];
+template <class T, int N, class Corner>
+QELR_INLINE simd::F32<N> trilinear(Corner&& corner, bool pairAlongX, simd::F32<N> fx,
+                                   simd::F32<N> fy, simd::F32<N> fz) {
+    simd::F32<N> along[4];
     for (int r = 0; r < 4; ++r) {
-        const T* p[kLanes];
-        for (int l = 0; l < kLanes; ++l) p[l] = corner(r, l);
-        Vf a, b;
+        const T* p[N];
+        for (int l = 0; l < N; ++l) p[l] = corner(r, l);
+        simd::F32<N> a, b;
         if (pairAlongX) {
             loadPairs(p, a, b);
         } else {
-            T v[kLanes];
-            for (int l = 0; l < kLanes; ++l) v[l] = p[l][0];
+            T v[N];
+            for (int l = 0; l < N; ++l) v[l] = p[l][0];
             a = b = vectorOf(v);
         }
         along[r] = lerp(a, b, fx);

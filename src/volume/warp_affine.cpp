@@ -85,49 +85,55 @@ template <class T>
 using RowRoutine = void (*)(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd,
                             double p[3]);
 
-using simd::Vd;
-
-// The positions of up to kLanes consecutive elements, one per lane, and the
-// lanes that lie inside the source cuboid. Lanes past the count hold the
-// cuboid's first corner and are not inside.
+// The positions of up to N consecutive elements, one per lane, and the lanes
+// that lie inside the source cuboid. Lanes past the count hold the cuboid's
+// first corner and are not inside.
+template <int N>
 struct Positions {
-    Vd c[3];
-    Vd mask;  // lanes inside
+    simd::F64<N> c[3];
+    simd::F64<N> mask;  // lanes inside
     int inside;
 };
 
-inline Positions positionsOf(const Bounds& b, const double (&d)[3][4], double p[3], int n) {
+template <int N>
+inline Positions<N> positionsOf(const Bounds& b, const double (&d)[3][4], double p[3], int n) {
+    using D = simd::F64<N>;
     // The positions stay in registers: vectors built from scalars, not read
     // back from memory just written.
-    double q[3][kLanes];
+    double q[3][N];
     for (int a = 0; a < 3; ++a) {
         double v = p[a];
-        for (int l = 0; l < kLanes; ++l) {
+        for (int l = 0; l < N; ++l) {
             q[a][l] = l < n ? v : b.first[a];
             if (l < n) v += d[a][0];
         }
         p[a] = v;
     }
-    Positions r;
-    Vd in = Vd(1.0) == Vd(1.0);
+    Positions<N> r;
+    D in = D(1.0) == D(1.0);
     for (int a = 0; a < 3; ++a) {
         const double* v = q[a];
 #if QELR_SIMD_LANES == 8
-        r.c[a] =
-            Vd(simd::F64<4>::of(v[0], v[1], v[2], v[3]), simd::F64<4>::of(v[4], v[5], v[6], v[7]));
+        if constexpr (N == 8) {
+            r.c[a] = D(simd::F64<4>::of(v[0], v[1], v[2], v[3]),
+                       simd::F64<4>::of(v[4], v[5], v[6], v[7]));
+        } else {
+            r.c[a] = simd::F64<4>::of(v[0], v[1], v[2], v[3]);
+        }
 #else
-        r.c[a] = Vd(simd::F64<2>::of(v[0], v[1]), simd::F64<2>::of(v[2], v[3]));
+        r.c[a] = D(simd::F64<2>::of(v[0], v[1]), simd::F64<2>::of(v[2], v[3]));
 #endif
-        in = in & (r.c[a] >= Vd(double(b.first[a]))) & (r.c[a] <= Vd(double(b.last[a])));
+        in = in & (r.c[a] >= D(double(b.first[a]))) & (r.c[a] <= D(double(b.last[a])));
     }
     r.mask = in;
     r.inside = simd::laneBits(in) & ((1 << n) - 1);
     return r;
 }
 
+template <int N>
 struct Lanes {
-    alignas(32) int32_t v[kLanes];
-    explicit Lanes(Vi a) { simd::store(v, a); }
+    alignas(32) int32_t v[N];
+    explicit Lanes(simd::I32<N> a) { simd::store(v, a); }
     int32_t operator[](int l) const { return v[l]; }
 };
 
@@ -149,32 +155,36 @@ void warpRowNearest(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd,
     p[2] = Z;
 }
 
-// Linear and cubic: kLanes elements at a time: positions, the inside test,
-// then the mode.
+// Linear and cubic: N elements at a time: positions, the inside test, then
+// the mode. Linear float rows take four lanes: eight gain nothing there over
+// the pair loads, which dominate.
 template <class T, int Mode>
 void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
+    constexpr int N = Mode == qelInterpLinear && std::is_same_v<T, float> ? 4 : kLanes;
+    using I = simd::I32<N>;
+    using D = simd::F64<N>;
     const SourceView<T>& s = job.src;
     const Bounds& b = s.box;
-    for (int32_t x = xBegin; x < xEnd; x += kLanes) {
-        const int n = xEnd - x < kLanes ? xEnd - x : kLanes;
-        Positions q = positionsOf(b, job.inv, p, n);
+    for (int32_t x = xBegin; x < xEnd; x += N) {
+        const int n = xEnd - x < N ? xEnd - x : N;
+        const Positions<N> q = positionsOf<N>(b, job.inv, p, n);
         if (q.inside == 0) continue;
         if constexpr (Mode == qelInterpLinear) {
             // Lanes outside take the first corner, so their reads stay inside.
-            Vi i[3];
-            Vf f[3];
+            I i[3];
+            simd::F32<N> f[3];
             for (int a = 0; a < 3; ++a) {
-                const Vd c = simd::select(q.mask, q.c[a], Vd(double(b.first[a])));
-                Vi k = simd::truncToInt(c);
-                k = k + ((k == Vi(b.last[a])) & (k > Vi(0)));  // -1 on the last element
+                const D c = simd::select(q.mask, q.c[a], D(double(b.first[a])));
+                I k = simd::truncToInt(c);
+                k = k + ((k == I(b.last[a])) & (k > I(0)));  // -1 on the last element
                 i[a] = k;
                 f[a] = simd::narrow(c - simd::toDouble(k));
             }
-            const Lanes ix(i[0]), iy(i[1]), iz(i[2]);
+            const Lanes<N> ix(i[0]), iy(i[1]), iz(i[2]);
             // The pairs in rows y and y + 1 of planes z and z + 1.
-            const T* near[kLanes];
-            const T* far[kLanes];
-            for (int l = 0; l < kLanes; ++l) {
+            const T* near[N];
+            const T* far[N];
+            for (int l = 0; l < N; ++l) {
                 near[l] = s.row(iy[l], iz[l]) + ix[l];
                 far[l] = s.row(iy[l], iz[l] + 1) + ix[l];
             }
@@ -183,9 +193,9 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
             };
             storeRoundedMasked(out + x, trilinear<T>(corner, true, f[0], f[1], f[2]), q.inside);
         } else {
-            const Lanes ix(simd::truncToInt(q.c[0])), iy(simd::truncToInt(q.c[1]));
-            const Lanes iz(simd::truncToInt(q.c[2]));
-            alignas(32) double c[3][kLanes];
+            const Lanes<N> ix(simd::truncToInt(q.c[0])), iy(simd::truncToInt(q.c[1]));
+            const Lanes<N> iz(simd::truncToInt(q.c[2]));
+            alignas(32) double c[3][N];
             for (int a = 0; a < 3; ++a) simd::store(c[a], q.c[a]);
             for (int l = 0; l < n; ++l) {
                 if (!(q.inside & (1 << l))) continue;
