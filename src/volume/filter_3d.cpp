@@ -93,12 +93,24 @@ void accumulateRow(float* acc, const int16_t* s, const int32_t* k, int32_t kw, i
     } else {
         const int fullPairs = taps / 2;
         const bool odd = taps & 1;
+        // The multiplier pairs of an unrolled width, formed once per row.
+        constexpr int kPairs = kWidth > 0 ? (kWidth + 1) / 2 : 1;
+        I32<4> los[kPairs], his[kPairs];
+        const auto pairOf = [&](int p, bool wide) {
+            const int32_t a = k[2 * p], b = 2 * p + 1 < taps ? k[2 * p + 1] : 0;
+            return wide ? tapPair(highHalf(a), highHalf(b)) : tapPair(int16_t(a), int16_t(b));
+        };
+        if constexpr (kWidth > 0) {
+            for (int p = 0; p < kPairs; ++p) {
+                los[p] = pairOf(p, false);
+                his[p] = kWide ? pairOf(p, true) : I32<4>::zero();
+            }
+        }
         for (; i + 8 <= width; i += 8) {
             I32<4> sum0 = I32<4>::zero(), sum1 = I32<4>::zero();
             for (int p = 0; p < fullPairs; ++p) {
-                const I32<4> lo = tapPair(int16_t(k[2 * p]), int16_t(k[2 * p + 1]));
-                const I32<4> hi =
-                    kWide ? tapPair(highHalf(k[2 * p]), highHalf(k[2 * p + 1])) : I32<4>::zero();
+                const I32<4> lo = kWidth > 0 ? los[p] : pairOf(p, false);
+                const I32<4> hi = !kWide ? I32<4>::zero() : kWidth > 0 ? his[p] : pairOf(p, true);
                 // Tap 2p reads s[i - 2p + l], tap 2p + 1 the element before it.
                 const I32<4> a = load8(s + i - 2 * p), b = load8(s + i - 2 * p - 1);
                 addPairProducts<kWide>(simd::zipLow16(a, b), simd::zipHigh16(a, b), lo, hi, sum0,
@@ -106,8 +118,10 @@ void accumulateRow(float* acc, const int16_t* s, const int32_t* k, int32_t kw, i
             }
             if (odd) {
                 const int p = taps - 1;
-                const I32<4> lo = tapPair(int16_t(k[p]), 0);
-                const I32<4> hi = kWide ? tapPair(highHalf(k[p]), 0) : I32<4>::zero();
+                const I32<4> lo = kWidth > 0 ? los[p / 2] : pairOf(p / 2, false);
+                const I32<4> hi = !kWide       ? I32<4>::zero()
+                                  : kWidth > 0 ? his[p / 2]
+                                               : pairOf(p / 2, true);
                 const I32<4> a = load8(s + i - p), z = I32<4>::zero();
                 addPairProducts<kWide>(simd::zipLow16(a, z), simd::zipHigh16(a, z), lo, hi, sum0,
                                        sum1);
