@@ -213,6 +213,19 @@ QELR_INLINE I32<4> max(I32<4> a, I32<4> b) {
 QELR_INLINE int laneBits(I32<4> mask) { return _mm_movemask_ps(_mm_castsi128_ps(mask.v)); }
 QELR_INLINE int32_t firstLane(I32<4> a) { return _mm_cvtsi128_si32(a.v); }
 
+// Operations on the eight signed 16-bit halves of four 32-bit lanes (half 2i
+// is the low half of lane i).
+//
+// Halves 0-3 (zipLow16) or 4-7 (zipHigh16) of a and b interleaved: lane i
+// holds half i (or 4 + i) of a in its low half and that of b in its high half.
+QELR_INLINE I32<4> zipLow16(I32<4> a, I32<4> b) { return I32<4>(_mm_unpacklo_epi16(a.v, b.v)); }
+QELR_INLINE I32<4> zipHigh16(I32<4> a, I32<4> b) { return I32<4>(_mm_unpackhi_epi16(a.v, b.v)); }
+// Per half, the low 16 bits of the product.
+QELR_INLINE I32<4> mulLow16(I32<4> a, I32<4> b) { return I32<4>(_mm_mullo_epi16(a.v, b.v)); }
+// Per lane, the products of the two pairs of halves added: a.lo * b.lo +
+// a.hi * b.hi, the products exact and the sum wrapping in 32 bits.
+QELR_INLINE I32<4> mulAddPairs16(I32<4> a, I32<4> b) { return I32<4>(_mm_madd_epi16(a.v, b.v)); }
+
 // ---------------------------------------------------------------------------
 // Two doubles
 

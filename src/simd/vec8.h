@@ -75,6 +75,22 @@ QELR_INLINE F32<8> select(F32<8> mask, F32<8> a, F32<8> b) {
 QELR_INLINE int laneBits(F32<8> mask) { return _mm256_movemask_ps(mask.v); }
 QELR_INLINE float firstLane(F32<8> a) { return _mm256_cvtss_f32(a.v); }
 
+// Each half as the four-lane pairwiseAdd of the halves of a and b:
+// (a0 + a1, a2 + a3, b0 + b1, b2 + b3, a4 + a5, a6 + a7, b4 + b5, b6 + b7).
+QELR_INLINE F32<8> pairwiseAdd(F32<8> a, F32<8> b) { return F32<8>(_mm256_hadd_ps(a.v, b.v)); }
+
+// Rows of two 4 x 4 blocks (lanes 0-3 and 4-7): each block transposed, as the
+// four-lane transpose does, so lane 4h + j of row i and lane 4h + i of row j
+// change places.
+QELR_INLINE void transpose(F32<8>& r0, F32<8>& r1, F32<8>& r2, F32<8>& r3) {
+    const __m256 t0 = _mm256_shuffle_ps(r0.v, r1.v, 0x44), t2 = _mm256_shuffle_ps(r0.v, r1.v, 0xEE);
+    const __m256 t1 = _mm256_shuffle_ps(r2.v, r3.v, 0x44), t3 = _mm256_shuffle_ps(r2.v, r3.v, 0xEE);
+    r0 = F32<8>(_mm256_shuffle_ps(t0, t1, 0x88));
+    r1 = F32<8>(_mm256_shuffle_ps(t0, t1, 0xDD));
+    r2 = F32<8>(_mm256_shuffle_ps(t2, t3, 0x88));
+    r3 = F32<8>(_mm256_shuffle_ps(t2, t3, 0xDD));
+}
+
 // The four-lane halves, and eight lanes made of two halves.
 QELR_INLINE F32<4> lowHalf(F32<8> a) { return F32<4>(_mm256_castps256_ps128(a.v)); }
 QELR_INLINE F32<4> highHalf(F32<8> a) { return F32<4>(_mm256_extractf128_ps(a.v, 1)); }
@@ -136,6 +152,10 @@ QELR_INLINE I32<8> select(I32<8> mask, I32<8> a, I32<8> b) {
 QELR_INLINE I32<8> min(I32<8> a, I32<8> b) { return I32<8>(_mm256_min_epi32(a.v, b.v)); }
 QELR_INLINE I32<8> max(I32<8> a, I32<8> b) { return I32<8>(_mm256_max_epi32(a.v, b.v)); }
 QELR_INLINE int laneBits(I32<8> mask) { return _mm256_movemask_ps(_mm256_castsi256_ps(mask.v)); }
+QELR_INLINE I32<8> mulLow16(I32<8> a, I32<8> b) { return I32<8>(_mm256_mullo_epi16(a.v, b.v)); }
+QELR_INLINE I32<8> mulAddPairs16(I32<8> a, I32<8> b) {
+    return I32<8>(_mm256_madd_epi16(a.v, b.v));
+}
 QELR_INLINE int32_t firstLane(I32<8> a) { return _mm256_cvtsi256_si32(a.v); }
 QELR_INLINE I32<4> lowHalf(I32<8> a) { return I32<4>(_mm256_castsi256_si128(a.v)); }
 QELR_INLINE I32<4> highHalf(I32<8> a) { return I32<4>(_mm256_extracti128_si256(a.v, 1)); }
@@ -156,6 +176,9 @@ struct F64<4> {
     QELR_INLINE static F64 zero() { return F64(_mm256_setzero_pd()); }
     QELR_INLINE static F64 load(const double* p) { return F64(_mm256_load_pd(p)); }
     QELR_INLINE static F64 loadu(const double* p) { return F64(_mm256_loadu_pd(p)); }
+    QELR_INLINE static F64 of(double a0, double a1, double a2, double a3) {
+        return F64(_mm256_setr_pd(a0, a1, a2, a3));
+    }
 };
 
 QELR_INLINE void store(double* p, F64<4> a) { _mm256_store_pd(p, a.v); }

@@ -5,7 +5,6 @@
 #include "core/impl.h"
 #include "simd/target.h"
 #include "volume/remap_plane.h"
-#include "volume/remap_sampling.h"
 #include "volume/volume_common.h"
 #include "volume/volume_parallel.h"
 
@@ -15,128 +14,129 @@ namespace {
 
 // A row routine: one destination row of `width` voxels from its three map rows.
 template <class T>
-using RemapRow = void (*)(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst,
+using RemapRow = void (*)(const T* const* src, int srcRowStep, const Bounds& box, T* dst,
                           int32_t width, const float* mx, const float* my, const float* mz);
+
+// The coordinates of kLanes voxels (the map entries, or zeros past the row's
+// end) and the lanes whose position lies inside the box (NaN fails).
+struct Block {
+    Vf c[3];
+    int inside;
+};
+
+template <class Body>
+QELR_INLINE void forBlocks(const Bounds& box, int32_t width, const float* mx, const float* my,
+                           const float* mz, Body&& body) {
+    Vf lo[3], hi[3];
+    for (int a = 0; a < 3; ++a) {
+        lo[a] = Vf(static_cast<float>(box.first[a]));
+        hi[a] = Vf(static_cast<float>(box.last[a]));
+    }
+    const auto run = [&](int32_t i, Block& b, int valid) {
+        Vf in = (b.c[0] >= lo[0]) & (b.c[0] <= hi[0]);
+        in = in & (b.c[1] >= lo[1]) & (b.c[1] <= hi[1]);
+        in = in & (b.c[2] >= lo[2]) & (b.c[2] <= hi[2]);
+        b.inside = simd::laneBits(in) & valid;
+        if (b.inside != 0) body(i, b);
+    };
+    int32_t i = 0;
+    for (; i + kLanes <= width; i += kLanes) {
+        Block b{{Vf::loadu(mx + i), Vf::loadu(my + i), Vf::loadu(mz + i)}, 0};
+        run(i, b, (1 << kLanes) - 1);
+    }
+    if (i < width) {
+        // The last voxels run through the same block with the missing lanes
+        // masked off.
+        alignas(32) float t[3][kLanes] = {};
+        const int32_t n = width - i;
+        for (int32_t l = 0; l < n; ++l) {
+            t[0][l] = mx[i + l];
+            t[1][l] = my[i + l];
+            t[2][l] = mz[i + l];
+        }
+        Block b{{Vf::load(t[0]), Vf::load(t[1]), Vf::load(t[2])}, 0};
+        run(i, b, (1 << n) - 1);
+    }
+}
+
+// Per-lane indices of a vector of integers.
+struct Lanes {
+    alignas(32) int32_t v[kLanes];
+    explicit Lanes(Vi a) { simd::store(v, a); }
+    int32_t operator[](int l) const { return v[l]; }
+};
+
+// Index along one axis: rounded (nearest) or truncated, then clamped into the
+// box (which matters only where a bound is not exact in float).
+inline Vi clampedIndex(Vi i, int32_t lo, int32_t hi) {
+    return simd::min(simd::max(i, Vi(lo)), Vi(hi));
+}
 
 // ---------------------------------------------------------------------------
 // Nearest: each coordinate rounded in the current rounding mode.
 
 template <class T>
-void nearestRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst, int32_t width,
+void nearestRow(const T* const* src, int srcRowStep, const Bounds& box, T* dst, int32_t width,
                 const float* mx, const float* my, const float* mz) {
-    const float x0 = static_cast<float>(box.x0), x1 = static_cast<float>(box.x1);
-    const float y0 = static_cast<float>(box.y0), y1 = static_cast<float>(box.y1);
-    const float z0 = static_cast<float>(box.z0), z1 = static_cast<float>(box.z1);
-    for (int32_t i = 0; i < width; ++i) {
-        const float x = mx[i], y = my[i], z = mz[i];
-        if (!(x >= x0 && x <= x1 && y >= y0 && y <= y1 && z >= z0 && z <= z1)) continue;
-        // The clamps only matter where a bound is not exact in float.
-        const int32_t ix = clampIndex(_mm_cvtss_si32(_mm_set_ss(x)), box.x0, box.x1);
-        const int32_t iy = clampIndex(_mm_cvtss_si32(_mm_set_ss(y)), box.y0, box.y1);
-        const int32_t iz = clampIndex(_mm_cvtss_si32(_mm_set_ss(z)), box.z0, box.z1);
-        dst[i] = rowOfPV(src, srcRowStep, iy, iz)[ix];
-    }
+    forBlocks(box, width, mx, my, mz, [&](int32_t i, const Block& b) {
+        const Lanes ix(clampedIndex(simd::roundToInt(b.c[0]), box.first[0], box.last[0]));
+        const Lanes iy(clampedIndex(simd::roundToInt(b.c[1]), box.first[1], box.last[1]));
+        const Lanes iz(clampedIndex(simd::roundToInt(b.c[2]), box.first[2], box.last[2]));
+        for (int l = 0; l < kLanes; ++l) {
+            if (b.inside & (1 << l)) dst[i + l] = rowOfPV(src, srcRowStep, iy[l], iz[l])[ix[l]];
+        }
+    });
 }
 
 // ---------------------------------------------------------------------------
-// Linear: four voxels per step, one per lane.
+// Linear: one voxel per lane.
 
-// Base indices and fractions of one axis for four lanes: the base is the
-// coordinate truncated and lowered by one at the upper bound (kept at the
-// lower bound when the box is one element thick); the second index is
-// base + 1 (the base itself on a one-element axis). Coordinates are first
-// moved onto the box (NaN onto its lower bound), so lanes outside it still
-// give indices that are safe to read; the integer minimum keeps the base
-// inside even where a bound is not exact in float.
+// Base indices and fractions of one axis: the base is the coordinate
+// truncated and lowered by one at the upper bound (kept at the lower bound
+// when the box is one element thick); the second index is base + 1 (the base
+// itself on a one-element axis). Coordinates are first moved onto the box
+// (NaN onto its lower bound), so lanes outside it still give indices that are
+// safe to read; the integer minimum keeps the base inside even where a bound
+// is not exact in float.
 struct LinearAxis {
-    __m128i base, next;
-    __m128 frac;
+    Vi base, next;
+    Vf frac;
 };
 
-inline LinearAxis linearAxis(__m128 coord, int32_t lo, int32_t hi) {
-    const __m128 c = _mm_min_ps(_mm_max_ps(coord, _mm_set1_ps(static_cast<float>(lo))),
-                                _mm_set1_ps(static_cast<float>(hi)));
+inline LinearAxis linearAxis(Vf coord, int32_t lo, int32_t hi) {
+    const Vf c =
+        simd::min(simd::max(coord, Vf(static_cast<float>(lo))), Vf(static_cast<float>(hi)));
     const bool thick = hi > lo;
-    const __m128i base = minEpi32(_mm_cvttps_epi32(c), _mm_set1_epi32(thick ? hi - 1 : lo));
-    const __m128i next = _mm_add_epi32(base, _mm_set1_epi32(thick ? 1 : 0));
-    return {base, next, _mm_sub_ps(c, _mm_cvtepi32_ps(base))};
-}
-
-inline __m128 lerp(__m128 a, __m128 b, __m128 f) {
-    return _mm_add_ps(_mm_mul_ps(a, _mm_sub_ps(_mm_set1_ps(1.0f), f)), _mm_mul_ps(b, f));
+    const Vi base = simd::min(simd::truncToInt(c), Vi(thick ? hi - 1 : lo));
+    return {base, base + Vi(thick ? 1 : 0), c - simd::toFloat(base)};
 }
 
 template <class T>
-inline void linearBlock(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst,
-                        __m128 fx, __m128 fy, __m128 fz, int valid) {
-    const __m128 inside = _mm_and_ps(_mm_and_ps(inRange(fx, _mm_set1_ps(static_cast<float>(box.x0)),
-                                                        _mm_set1_ps(static_cast<float>(box.x1))),
-                                                inRange(fy, _mm_set1_ps(static_cast<float>(box.y0)),
-                                                        _mm_set1_ps(static_cast<float>(box.y1)))),
-                                     inRange(fz, _mm_set1_ps(static_cast<float>(box.z0)),
-                                             _mm_set1_ps(static_cast<float>(box.z1))));
-    const int mask = _mm_movemask_ps(inside) & valid;
-    if (mask == 0) return;
-    const LinearAxis ax = linearAxis(fx, box.x0, box.x1);
-    const LinearAxis ay = linearAxis(fy, box.y0, box.y1);
-    const LinearAxis az = linearAxis(fz, box.z0, box.z1);
-    alignas(16) int32_t xs[4], ys[4], z0[4], z1[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(xs), ax.base);
-    _mm_store_si128(reinterpret_cast<__m128i*>(ys), ay.base);
-    _mm_store_si128(reinterpret_cast<__m128i*>(z0), az.base);
-    _mm_store_si128(reinterpret_cast<__m128i*>(z1), az.next);
-    // The first voxel of each pair per lane, in rows (y0, z0), (y1, z0),
-    // (y0, z1), (y1, z1); row y1 is the next row, or y0 itself on a box one
-    // row tall.
-    const ptrdiff_t nextRow = box.y1 > box.y0 ? srcRowStep : 0;
-    const uint8_t* corner[4][4];
-    for (int l = 0; l < 4; ++l) {
-        const ptrdiff_t offset = static_cast<ptrdiff_t>(ys[l]) * srcRowStep +
-                                 static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
-        corner[0][l] = reinterpret_cast<const uint8_t*>(src[z0[l]]) + offset;
-        corner[1][l] = corner[0][l] + nextRow;
-        corner[2][l] = reinterpret_cast<const uint8_t*>(src[z1[l]]) + offset;
-        corner[3][l] = corner[2][l] + nextRow;
-    }
-    // The pair (x, x + 1) of four rows, blended along x.
-    const auto alongX = [&](const uint8_t* const* rows) {
-        const auto at = [&](int l) { return reinterpret_cast<const T*>(rows[l]); };
-        __m128 a, b;
-        if (box.x1 > box.x0) {
-            loadPairs(at(0), at(1), at(2), at(3), a, b);
-        } else {  // one voxel wide: both taps are x0
-            a = b = _mm_setr_ps(static_cast<float>(*at(0)), static_cast<float>(*at(1)),
-                                static_cast<float>(*at(2)), static_cast<float>(*at(3)));
-        }
-        return lerp(a, b, ax.frac);
-    };
-    // Along x, then y, then z.
-    const __m128 d0 = lerp(alongX(corner[0]), alongX(corner[1]), ay.frac);
-    const __m128 d1 = lerp(alongX(corner[2]), alongX(corner[3]), ay.frac);
-    storeLanes(dst, lerp(d0, d1, az.frac), mask);
-}
-
-template <class T>
-void linearRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst, int32_t width,
+void linearRow(const T* const* src, int srcRowStep, const Bounds& box, T* dst, int32_t width,
                const float* mx, const float* my, const float* mz) {
-    int32_t i = 0;
-    for (; i <= width - 4; i += 4) {
-        linearBlock(src, srcRowStep, box, dst + i, _mm_loadu_ps(mx + i), _mm_loadu_ps(my + i),
-                    _mm_loadu_ps(mz + i), 0xF);
-    }
-    if (i < width) {
-        // The last one to three voxels run through the same block with the
-        // missing lanes masked off (a partial mask writes lane by lane).
-        alignas(16) float tx[4] = {}, ty[4] = {}, tz[4] = {};
-        const int32_t n = width - i;
-        for (int32_t l = 0; l < n; ++l) {
-            tx[l] = mx[i + l];
-            ty[l] = my[i + l];
-            tz[l] = mz[i + l];
+    // Row y1 is the next row, or y0 itself on a box one row tall.
+    const ptrdiff_t nextRow = box.last[1] > box.first[1] ? srcRowStep : 0;
+    forBlocks(box, width, mx, my, mz, [&](int32_t i, const Block& b) {
+        const LinearAxis ax = linearAxis(b.c[0], box.first[0], box.last[0]);
+        const LinearAxis ay = linearAxis(b.c[1], box.first[1], box.last[1]);
+        const LinearAxis az = linearAxis(b.c[2], box.first[2], box.last[2]);
+        const Lanes xs(ax.base), ys(ay.base), z0(az.base), z1(az.next);
+        // The pairs in rows y0 and y1 of planes z0 and z1.
+        const T* near[kLanes];
+        const T* far[kLanes];
+        for (int l = 0; l < kLanes; ++l) {
+            const ptrdiff_t offset =
+                static_cast<ptrdiff_t>(ys[l]) * srcRowStep +
+                static_cast<ptrdiff_t>(xs[l]) * static_cast<ptrdiff_t>(sizeof(T));
+            near[l] = byteOffset(src[z0[l]], offset);
+            far[l] = byteOffset(src[z1[l]], offset);
         }
-        linearBlock(src, srcRowStep, box, dst + i, _mm_load_ps(tx), _mm_load_ps(ty),
-                    _mm_load_ps(tz), (1 << n) - 1);
-    }
+        const auto corner = [&](int r, int l) {
+            return byteOffset(r < 2 ? near[l] : far[l], r & 1 ? nextRow : 0);
+        };
+        const Vf v = trilinear<T>(corner, box.last[0] > box.first[0], ax.frac, ay.frac, az.frac);
+        storeRoundedMasked(dst + i, v, b.inside);
+    });
 }
 
 // ---------------------------------------------------------------------------
@@ -145,53 +145,33 @@ void linearRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* 
 // keeps its pair inside, so every read stays inside the accepted box.
 
 template <class T, int Mode>
-void cubicRow(const T* const* src, int srcRowStep, const InclusiveBox& box, T* dst, int32_t width,
+void cubicRow(const T* const* src, int srcRowStep, const Bounds& box, T* dst, int32_t width,
               const float* mx, const float* my, const float* mz) {
-    const CubicPairTable& table = cubicPairTable(Mode);
-    const float x0 = static_cast<float>(box.x0), x1 = static_cast<float>(box.x1);
-    const float y0 = static_cast<float>(box.y0), y1 = static_cast<float>(box.y1);
-    const float z0 = static_cast<float>(box.z0), z1 = static_cast<float>(box.z1);
-    for (int32_t i = 0; i < width; ++i) {
-        const float x = mx[i], y = my[i], z = mz[i];
-        if (!(x >= x0 && x <= x1 && y >= y0 && y <= y1 && z >= z0 && z <= z1)) continue;
-        const int32_t bx = clampIndex(_mm_cvtt_ss2si(_mm_set_ss(x)), box.x0, box.x1);
-        const int32_t by = clampIndex(_mm_cvtt_ss2si(_mm_set_ss(y)), box.y0, box.y1);
-        const int32_t bz = clampIndex(_mm_cvtt_ss2si(_mm_set_ss(z)), box.z0, box.z1);
-        const __m128 wx = cubicTapWeights(table, x - static_cast<float>(bx));
-        const __m128 wy = cubicTapWeights(table, y - static_cast<float>(by));
-        const __m128 wz = cubicTapWeights(table, z - static_cast<float>(bz));
-        const uint8_t* plane[4];
-        ptrdiff_t row[4];
-        for (int t = 0; t < 4; ++t) {
-            plane[t] =
-                reinterpret_cast<const uint8_t*>(src[clampIndex(bz - 1 + t, box.z0, box.z1)]);
-            row[t] = static_cast<ptrdiff_t>(clampIndex(by - 1 + t, box.y0, box.y1)) * srcRowStep;
+    const KernelTable& table = kernelTable(Mode);
+    forBlocks(box, width, mx, my, mz, [&](int32_t i, const Block& b) {
+        const Lanes bx(clampedIndex(simd::truncToInt(b.c[0]), box.first[0], box.last[0]));
+        const Lanes by(clampedIndex(simd::truncToInt(b.c[1]), box.first[1], box.last[1]));
+        const Lanes bz(clampedIndex(simd::truncToInt(b.c[2]), box.first[2], box.last[2]));
+        alignas(32) float c[3][kLanes];
+        for (int a = 0; a < 3; ++a) simd::store(c[a], b.c[a]);
+        for (int l = 0; l < kLanes; ++l) {
+            if (!(b.inside & (1 << l))) continue;
+            const simd::F32<4> wx = tapWeights(table, c[0][l] - static_cast<float>(bx[l]));
+            const simd::F32<4> wy = tapWeights(table, c[1][l] - static_cast<float>(by[l]));
+            const simd::F32<4> wz = tapWeights(table, c[2][l] - static_cast<float>(bz[l]));
+            const uint8_t* planes[4];
+            ptrdiff_t rows[4];
+            for (int t = 0; t < 4; ++t) {
+                planes[t] = reinterpret_cast<const uint8_t*>(
+                    src[clampIndex(bz[l] - 1 + t, box.first[2], box.last[2])]);
+                rows[t] =
+                    static_cast<ptrdiff_t>(clampIndex(by[l] - 1 + t, box.first[1], box.last[1])) *
+                    srcRowStep;
+            }
+            const CubicColumns x = cubicColumns(bx[l], box.first[0], box.last[0]);
+            dst[i + l] = roundToElement<T>(cubicVolume<T>(planes, rows, x, wx, wy, wz));
         }
-        // Lanes hold the four x taps: the rows of each plane tap blended
-        // along y, the planes along z, then the x taps weighted and summed.
-        const auto blendRows = [&](auto taps) {
-            const auto planeTap = [&](int c) {
-                return blendFour(wy, taps(plane[c] + row[0]), taps(plane[c] + row[1]),
-                                 taps(plane[c] + row[2]), taps(plane[c] + row[3]));
-            };
-            return blendFour(wz, planeTap(0), planeTap(1), planeTap(2), planeTap(3));
-        };
-        __m128 q;
-        if (bx - 1 >= box.x0 && bx + 2 <= box.x1) {
-            const ptrdiff_t first =
-                static_cast<ptrdiff_t>(bx - 1) * static_cast<ptrdiff_t>(sizeof(T));
-            q = blendRows(
-                [&](const uint8_t* r) { return loadFour(reinterpret_cast<const T*>(r + first)); });
-        } else {
-            const int32_t tx[4] = {clampIndex(bx - 1, box.x0, box.x1), bx,
-                                   clampIndex(bx + 1, box.x0, box.x1),
-                                   clampIndex(bx + 2, box.x0, box.x1)};
-            q = blendRows([&](const uint8_t* r) {
-                return gatherFour(reinterpret_cast<const T*>(r), tx[0], tx[1], tx[2], tx[3]);
-            });
-        }
-        dst[i] = roundToElement<T>(horizontalSum(_mm_mul_ps(q, wx)));
-    }
+    });
 }
 
 // ---------------------------------------------------------------------------
@@ -201,7 +181,7 @@ template <class T>
 struct RemapArgs {
     const T* const* src;
     int srcRowStep;
-    InclusiveBox box;
+    Bounds box;
     const float* const* mapX;
     const float* const* mapY;
     const float* const* mapZ;
@@ -258,10 +238,9 @@ QelStatus remapVolume(const T* const srcData[], QelVolumeSize srcSize, int srcRo
     }
     if (!originInside(srcBox, srcSize)) return qelWarnRegionOutsideVolume;
     const QelBox3D accepted = trimToVolume(srcBox, srcSize);
-    const int mode = degradeModeForSource(interpolation, srcSize);
-    const RemapArgs<T> args{
-        srcData,    srcRowStep, inclusiveBoundsOf(accepted), pxMap, pyMap, pzMap, mapStep, dstData,
-        dstRowStep, dstVolume};
+    const int mode = degradeMode(interpolation, smallestOf(srcSize));
+    const RemapArgs<T> args{srcData, srcRowStep, boundsOf(accepted), pxMap,    pyMap, pzMap,
+                            mapStep, dstData,    dstRowStep,         dstVolume};
     const RemapKernel<T> kernel = kRemapKernels<T>[mode];
     runOverPlanes(dstVolume.width, dstVolume.height, dstVolume.depth,
                   [&](int32_t first, int32_t end, int, int) { kernel(args, first, end); });

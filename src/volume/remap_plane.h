@@ -10,26 +10,17 @@
 
 namespace qelr::QELR_ISA::volume {
 
-// Mode value of the six-tap windowed-sinc kernel (three-lobed Lanczos),
-// accepted by the plane remap only.
-constexpr int kInterpLanczos3 = 16;
-
-// Flag carried with the mode that selects the second kernel table: positions
-// outside the region are clamped onto its edge, so every destination pixel
-// whose coordinates are numbers is written (replicated border). Without the
-// flag such pixels keep their values.
-constexpr int kRemapReplicateEdge = static_cast<int>(0x80000000u);
-
 // A region of a plane: origin and extent.
 struct PlaneRect {
     int32_t x, y, width, height;
 };
 
 // Remaps srcRoi of the source plane through xMap and yMap (absolute source
-// coordinates, one per destination pixel) into the dstSize pixels of dst.
-// Steps are in bytes. Statuses, in the order checked: -8 null pointer, -6
-// sizes or region, -22 mode (after removing the flag) not 1, 2, 4, 6 or 16,
-// -14 a step below 1, 29 region origin outside the plane (nothing written).
+// coordinates, one per destination pixel) into the dstSize pixels of dst;
+// pixels mapped outside the region keep their values. Steps are in bytes.
+// Statuses, in the order checked: -8 null pointer, -6 sizes or region, -22
+// mode not 1, 2, 4 or 6, -14 a step below 1, 29 region origin outside the
+// plane (nothing written).
 template <class T>
 QelStatus remapPlane(const T* src, QelSize2D srcSize, int srcStep, PlaneRect srcRoi,
                      const float* xMap, int xMapStep, const float* yMap, int yMapStep, T* dst,

@@ -9,6 +9,7 @@
 // in z, converted and stored. All scratch lives in the caller's buffer.
 
 #include <cmath>
+#include <cstring>
 
 #include "core/impl.h"
 #include "qelcore.h"
@@ -52,16 +53,14 @@ namespace {
 class Carver {
  public:
     explicit Carver(uint8_t* slice)
-        : base_(slice), used_(slice ? (64 - reinterpret_cast<uintptr_t>(slice) % 64) % 64 : 63) {}
+        : base_(slice), used_((64 - reinterpret_cast<uintptr_t>(slice) % 64) % 64) {}
 
     template <class T>
     T* take(size_t count) {
-        T* p = base_ ? reinterpret_cast<T*>(base_ + used_) : nullptr;
+        T* p = reinterpret_cast<T*>(base_ + used_);
         used_ += (count * sizeof(T) + 63) & ~size_t{63};
         return p;
     }
-
-    size_t used() const { return used_; }
 
  private:
     uint8_t* base_;
@@ -82,7 +81,7 @@ Scratch carveScratch(int mode, int32_t w, int32_t h, int32_t planes, uint8_t* sl
         const bool cubic = isCubicMode(mode);
         const size_t perYZ = cubic ? 4 : 1;  // four weights, or the fraction
         const size_t ring = cubic ? 4 : 2;
-        s.x.weights = c.take<float>(nw * (cubic ? 4 : 2));
+        s.x.weights = c.take<float>(nw * perYZ);
         s.y.weights = c.take<float>(nh * perYZ);
         s.z.weights = c.take<float>(nd * perYZ);
         s.rowStride = (nw + 15) & ~size_t{15};
@@ -90,7 +89,6 @@ Scratch carveScratch(int mode, int32_t w, int32_t h, int32_t planes, uint8_t* sl
         s.rows = c.take<float>(ring * s.rowStride);
         s.planes = c.take<float>(ring * s.planeStride);
     }
-    s.bytesUsed = c.used();
     return s;
 }
 
@@ -113,9 +111,10 @@ bool mapAxis(int32_t s, int32_t n, int32_t t, int32_t m, double factor, double s
         static_cast<int32_t>(static_cast<uint32_t>(t) + static_cast<uint32_t>(m));
     const double first = s * factor + shift;
     const double last = srcEnd * factor + shift;
-    const int32_t lo = truncToInt32((first < t ? static_cast<double>(t) : first) + 0.4999999999);
+    const int32_t lo =
+        simd::truncToInt32((first < t ? static_cast<double>(t) : first) + 0.4999999999);
     const int32_t hi =
-        truncToInt32((last > dstEnd ? static_cast<double>(dstEnd) : last) + 0.5000000001);
+        simd::truncToInt32((last > dstEnd ? static_cast<double>(dstEnd) : last) + 0.5000000001);
     if (!(lo >= t && lo < hi)) return false;
     a = {lo, hi - lo, srcExtent, 1.0 / factor, (0.0 - shift) / factor};
     return true;
@@ -150,34 +149,25 @@ QelStatus prepare(bool anyNull, QelVolumeSize srcSize, QelBox3D srcBox, QelBox3D
 void buildNearest(const Axis& a, int32_t first, int32_t count, int32_t* index) {
     for (int32_t k = 0; k < count; ++k) {
         const double d = static_cast<double>(a.lo + first + k);
-        index[k] = clampTap(truncToInt32((d + 0.5) * a.inv + a.invOffset - 1e-10), a.srcExtent);
+        index[k] =
+            clampTap(simd::truncToInt32((d + 0.5) * a.inv + a.invOffset - 1e-10), a.srcExtent);
     }
 }
 
-enum class WeightForm { Fraction, Pair, Cubic };
-
 // Linear and cubic: the floor of the source position (clamped into
 // [-1, srcExtent - 1], which keeps the clamped taps of every border case) and
-// the weights in the requested form.
-void buildSampled(const Axis& a, int32_t first, int32_t count, int mode, WeightForm form,
-                  AxisTable& t) {
+// the fraction (linear) or the four tap weights (cubic).
+void buildSampled(const Axis& a, int32_t first, int32_t count, int mode, AxisTable& t) {
     const double shifted = a.invOffset - 0.5;
     for (int32_t k = 0; k < count; ++k) {
         const double p = (static_cast<double>(a.lo + first + k) + 0.5) * a.inv + shifted;
-        const int32_t i = truncToInt32(std::floor(p));
+        const int32_t i = simd::truncToInt32(std::floor(p));
         const float f = static_cast<float>(p - i);
         t.index[k] = i < -1 ? -1 : (i > a.srcExtent - 1 ? a.srcExtent - 1 : i);
-        switch (form) {
-            case WeightForm::Fraction:
-                t.weights[k] = f;
-                break;
-            case WeightForm::Pair:
-                t.weights[2 * k] = 1.0f - f;
-                t.weights[2 * k + 1] = f;
-                break;
-            case WeightForm::Cubic:
-                cubicWeights(mode, f, t.weights + 4 * k);
-                break;
+        if (isCubicMode(mode)) {
+            cubicWeights(mode, f, t.weights + 4 * k);
+        } else {
+            t.weights[k] = f;
         }
     }
 }
@@ -234,12 +224,22 @@ void resizeNearest(const Call& c, const Src& src, const Dst& dst, int32_t zBegin
     buildNearest(c.x, 0, w, s.x.index);
     buildNearest(c.y, 0, h, s.y.index);
     buildNearest(c.z, zBegin, zEnd - zBegin, s.z.index);
+    // A destination row or plane that reads the same source row or plane as
+    // the one before it is a copy of that one.
+    const size_t rowBytes = sizeof(T) * static_cast<size_t>(w);
     for (int32_t z = zBegin; z < zEnd; ++z) {
         const int32_t zs = s.z.index[z - zBegin];
+        const bool samePlane = z > zBegin && zs == s.z.index[z - zBegin - 1];
         for (int32_t y = 0; y < h; ++y) {
-            const T* in = src.row(s.y.index[y], zs);
             T* out = dst.row(c.y.lo + y, c.z.lo + z) + c.x.lo;
-            for (int32_t x = 0; x < w; ++x) out[x] = in[s.x.index[x]];
+            if (samePlane) {
+                std::memcpy(out, dst.row(c.y.lo + y, c.z.lo + z - 1) + c.x.lo, rowBytes);
+            } else if (y > 0 && s.y.index[y] == s.y.index[y - 1]) {
+                std::memcpy(out, dst.row(c.y.lo + y - 1, c.z.lo + z) + c.x.lo, rowBytes);
+            } else {
+                const T* in = src.row(s.y.index[y], zs);
+                for (int32_t x = 0; x < w; ++x) out[x] = in[s.x.index[x]];
+            }
         }
     }
 }
@@ -300,10 +300,9 @@ void resizeSeparable(const Call& c, int mode, const Src& src, const Dst& dst, in
     const int32_t w = c.x.extent, h = c.y.extent, planes = zEnd - zBegin;
     Scratch s = carveScratch(mode, w, h, planes, slice);
     const bool cubic = isCubicMode(mode);
-    const WeightForm yz = cubic ? WeightForm::Cubic : WeightForm::Fraction;
-    buildSampled(c.x, 0, w, mode, cubic ? WeightForm::Cubic : WeightForm::Pair, s.x);
-    buildSampled(c.y, 0, h, mode, yz, s.y);
-    buildSampled(c.z, zBegin, planes, mode, yz, s.z);
+    buildSampled(c.x, 0, w, mode, s.x);
+    buildSampled(c.y, 0, h, mode, s.y);
+    buildSampled(c.z, zBegin, planes, mode, s.z);
     const int taps = cubic ? 4 : 2;
     const int32_t ex = c.x.srcExtent, ey = c.y.srcExtent, ez = c.z.srcExtent;
     const Runs runs = cubic ? runsOf(s.x.index, w, 1, ex - 3) : runsOf(s.x.index, w, 0, ex - 2);

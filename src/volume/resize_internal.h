@@ -1,6 +1,5 @@
-// Resize internals shared by the entry points and the internal tests: the
-// per-axis geometry, the arrangement of one thread's scratch inside the
-// caller's buffer and the buffer size granted per thread.
+// Resize internals: the per-axis geometry, the arrangement of one thread's
+// scratch inside the caller's buffer and the buffer size granted per thread.
 #pragma once
 
 #include <cstddef>
@@ -27,8 +26,7 @@ int64_t bytesPerThread(int mode, int32_t W, int32_t H, int32_t D);
 // Sampling table of one axis for a run of destination coordinates:
 // - nearest: `index` holds the source index;
 // - linear: `index` holds the floor of the source position, clamped into
-//   [-1, srcExtent - 1], and `weights` the fraction (y, z) or the weight pair
-//   (1 - fraction, fraction) (x);
+//   [-1, srcExtent - 1], and `weights` the fraction;
 // - cubic: `index` as for linear, `weights` the four tap weights.
 struct AxisTable {
     int32_t* index;
@@ -43,12 +41,10 @@ struct Scratch {
     float* planes;
     size_t rowStride;    // floats from one row to the next (rows and plane rows)
     size_t planeStride;  // floats from one ring plane to the next
-    size_t bytesUsed;    // from the start of the slice, alignment included
 };
 
 // Carves the scratch for destination extents w x h and `planes` destination
-// planes out of `slice` (64-byte aligned pieces). With slice == nullptr it
-// only measures, assuming the worst alignment of the slice.
+// planes out of `slice` (64-byte aligned pieces).
 Scratch carveScratch(int mode, int32_t w, int32_t h, int32_t planes, uint8_t* slice);
 
 }  // namespace qelr::QELR_ISA::volume::resize

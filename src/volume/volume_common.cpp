@@ -1,6 +1,5 @@
 #include "volume/volume_common.h"
 
-#include <array>
 #include <cmath>
 
 #include "simd/target.h"
@@ -29,21 +28,22 @@ constexpr double kernelAt(int mode, double d) {
     }
 }
 
-using CubicTable = std::array<float, kCubicTableSize>;
-
-constexpr CubicTable makeTable(int mode) {
-    CubicTable t{};
+constexpr KernelTable makeTable(int mode) {
+    float t[kCubicTableSize] = {};  // entries 201..207 stay zero
     for (int k = 0; k <= 200; ++k) t[k] = static_cast<float>(kernelAt(mode, k / 100.0));
-    return t;  // entries 201..207 stay zero
+    KernelTable p{};
+    for (int k = 0; k < kCubicTableSize - 1; ++k) {
+        p.pair[k][0] = t[k];
+        p.pair[k][1] = t[k + 1] - t[k];
+    }
+    return p;
 }
 
-constexpr CubicTable kTables[4] = {makeTable(qelInterpCubic), makeTable(qelInterpCubicBSpline),
-                                   makeTable(qelInterpCubicCatmullRom),
-                                   makeTable(qelInterpCubicB05C03)};
+constexpr KernelTable kTables[4] = {makeTable(qelInterpCubic), makeTable(qelInterpCubicBSpline),
+                                    makeTable(qelInterpCubicCatmullRom),
+                                    makeTable(qelInterpCubicB05C03)};
 
 }  // namespace
-
-double cubicKernel(int mode, double d) { return kernelAt(mode, d); }
 
 void cubicWeights(int mode, float f, float w[4]) {
     const float t0 = -1.0f - f;
@@ -53,8 +53,6 @@ void cubicWeights(int mode, float f, float w[4]) {
     }
 }
 
-const float* cubicTable(int mode) {
-    return isCubicMode(mode) ? kTables[mode - qelInterpCubic].data() : nullptr;
-}
+const KernelTable& kernelTable(int mode) { return kTables[mode - qelInterpCubic]; }
 
 }  // namespace qelr::QELR_ISA::volume

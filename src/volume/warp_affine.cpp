@@ -9,7 +9,6 @@
 #include <type_traits>
 
 #include "core/impl.h"
-#include "simd/target.h"
 #include "volume/volume_parallel.h"
 #include "volume/warp_affine_plane.h"
 
@@ -66,14 +65,15 @@ bool invertTransform(const double c[3][4], double inv[3][4]) {
 
 namespace {
 
-// Everything a row routine needs: the source, the destination and the
-// inverse transform.
+// Everything a row routine needs: the source, the destination, the inverse
+// transform and the mode's kernel table (cubic modes).
 template <class T>
 struct WarpJob {
     SourceView<T> src;
     T* const* dst;
     int dstRowStep;
     double inv[3][4];
+    const KernelTable* table;
 };
 
 // A row routine walks destination elements [xBegin, xEnd) of one row,
@@ -85,21 +85,66 @@ template <class T>
 using RowRoutine = void (*)(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd,
                             double p[3]);
 
-// One element at a time (the nearest and cubic rows, the linear row's tail).
-template <class T, int Mode>
-void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
+// The positions of up to N consecutive elements, one per lane, and the lanes
+// that lie inside the source cuboid. Lanes past the count hold the cuboid's
+// first corner and are not inside.
+template <int N>
+struct Positions {
+    simd::F64<N> c[3];
+    simd::F64<N> mask;  // lanes inside
+    int inside;
+};
+
+template <int N>
+inline Positions<N> positionsOf(const Bounds& b, const double (&d)[3][4], double p[3], int n) {
+    using D = simd::F64<N>;
+    // The positions stay in registers: vectors built from scalars, not read
+    // back from memory just written.
+    double q[3][N];
+    for (int a = 0; a < 3; ++a) {
+        double v = p[a];
+        for (int l = 0; l < N; ++l) {
+            q[a][l] = l < n ? v : b.first[a];
+            if (l < n) v += d[a][0];
+        }
+        p[a] = v;
+    }
+    Positions<N> r;
+    D in = D(1.0) == D(1.0);
+    for (int a = 0; a < 3; ++a) {
+        const double* v = q[a];
+#if QELR_SIMD_LANES == 8
+        if constexpr (N == 8) {
+            r.c[a] = D(simd::F64<4>::of(v[0], v[1], v[2], v[3]),
+                       simd::F64<4>::of(v[4], v[5], v[6], v[7]));
+        } else {
+            r.c[a] = simd::F64<4>::of(v[0], v[1], v[2], v[3]);
+        }
+#else
+        r.c[a] = D(simd::F64<2>::of(v[0], v[1]), simd::F64<2>::of(v[2], v[3]));
+#endif
+        in = in & (r.c[a] >= D(double(b.first[a]))) & (r.c[a] <= D(double(b.last[a])));
+    }
+    r.mask = in;
+    r.inside = simd::laneBits(in) & ((1 << n) - 1);
+    return r;
+}
+
+template <int N>
+struct Lanes {
+    alignas(32) int32_t v[N];
+    explicit Lanes(simd::I32<N> a) { simd::store(v, a); }
+    int32_t operator[](int l) const { return v[l]; }
+};
+
+// Nearest: one element at a time (the copy is cheaper than forming vectors).
+template <class T>
+void warpRowNearest(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
     const double(&d)[3][4] = job.inv;
-    const SourceView<T>& s = job.src;
     double X = p[0], Y = p[1], Z = p[2];
     for (int32_t x = xBegin; x < xEnd; ++x) {
-        if (insideSource(s, X, Y, Z)) {
-            if constexpr (Mode == qelInterpNearest) {
-                out[x] = sampleNearest(s, X, Y, roundHalfEven(Z));
-            } else if constexpr (Mode == qelInterpLinear) {
-                out[x] = roundToElement<T>(sampleLinear3(s, X, Y, Z));
-            } else {
-                out[x] = roundToElement<T>(sampleCubic3(s, X, Y, Z));
-            }
+        if (insideSource(job.src, X, Y, Z)) {
+            out[x] = sampleNearest(job.src, X, Y, simd::roundToInt32(Z));
         }
         X += d[0][0];
         Y += d[1][0];
@@ -110,137 +155,68 @@ void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double
     p[2] = Z;
 }
 
-// Lower indices and fractions of the linear pairs of four positions, as
-// linearTap does for one.
-struct LinearTaps4 {
-    __m128i i;
-    __m128 f;
-};
-
-inline LinearTaps4 linearTaps4(const double p[4], int32_t last) {
-    const __m128d p01 = _mm_loadu_pd(p), p23 = _mm_loadu_pd(p + 2);
-    __m128i i = _mm_unpacklo_epi64(_mm_cvttpd_epi32(p01), _mm_cvttpd_epi32(p23));
-    const __m128i lower = _mm_and_si128(_mm_cmpeq_epi32(i, _mm_set1_epi32(last)),
-                                        _mm_cmpgt_epi32(i, _mm_setzero_si128()));
-    i = _mm_add_epi32(i, lower);  // -1 where the index sits on the last element
-    const __m128 f01 = _mm_cvtpd_ps(_mm_sub_pd(p01, _mm_cvtepi32_pd(i)));
-    const __m128 f23 = _mm_cvtpd_ps(_mm_sub_pd(p23, _mm_cvtepi32_pd(_mm_unpackhi_epi64(i, i))));
-    return {i, _mm_movelh_ps(f01, f23)};
-}
-
-inline __m128 lerp4(__m128 a, __m128 b, __m128 f) {
-    return _mm_add_ps(_mm_mul_ps(a, _mm_sub_ps(_mm_set1_ps(1.0f), f)), _mm_mul_ps(b, f));
-}
-
-// The element pairs (p[l][0], p[l][1]) of four lanes as two vectors of
-// floats: the first elements and the second elements.
-inline void loadPairs4(const float* const p[4], __m128& a, __m128& b) {
-    auto pairOf = [](const float* q) {
-        double bits;  // two floats, read as one 64-bit unit without alignment
-        std::memcpy(&bits, q, sizeof bits);
-        return _mm_castpd_ps(_mm_set_sd(bits));
-    };
-    const __m128 u01 = _mm_unpacklo_ps(pairOf(p[0]), pairOf(p[1]));  // a0 a1 b0 b1
-    const __m128 u23 = _mm_unpacklo_ps(pairOf(p[2]), pairOf(p[3]));  // a2 a3 b2 b3
-    a = _mm_movelh_ps(u01, u23);
-    b = _mm_movehl_ps(u23, u01);
-}
-
-template <class T>
-inline void loadPairs4(const T* const p[4], __m128& a, __m128& b) {
-    // Each pair read as one integer: the first element in the low bits.
-    using Pair = std::conditional_t<sizeof(T) == 1, uint16_t, uint32_t>;
-    auto pairOf = [](const T* q) {
-        Pair v;
-        std::memcpy(&v, q, sizeof v);
-        return static_cast<int32_t>(v);
-    };
-    const __m128i v = _mm_setr_epi32(pairOf(p[0]), pairOf(p[1]), pairOf(p[2]), pairOf(p[3]));
-    constexpr int kBits = 8 * sizeof(T);
-    const __m128i low = _mm_and_si128(v, _mm_set1_epi32((1 << kBits) - 1));
-    a = _mm_cvtepi32_ps(low);
-    b = _mm_cvtepi32_ps(_mm_srli_epi32(v, kBits));
-}
-
-// Trilinear samples at four positions, lane by lane the same arithmetic as
-// sampleLinear3: the eight neighbours of each are gathered into vectors and
-// blended along x, then y, then z.
-template <class T>
-inline __m128 sampleLinear3x4(const SourceView<T>& s, const double px[4], const double py[4],
-                              const double pz[4]) {
-    const LinearTaps4 tx = linearTaps4(px, s.last[0]);
-    const LinearTaps4 ty = linearTaps4(py, s.last[1]);
-    const LinearTaps4 tz = linearTaps4(pz, s.last[2]);
-    alignas(16) int32_t ix[4], iy[4], iz[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(ix), tx.i);
-    _mm_store_si128(reinterpret_cast<__m128i*>(iy), ty.i);
-    _mm_store_si128(reinterpret_cast<__m128i*>(iz), tz.i);
-    __m128 n[8];  // neighbour (dx + 2 dy + 4 dz) of the four lanes
-    for (int dz = 0; dz < 2; ++dz) {
-        for (int dy = 0; dy < 2; ++dy) {
-            const T* pair[4];
-            for (int l = 0; l < 4; ++l) {
-                pair[l] = rowOfPV(s.planes, s.rowStep, iy[l] + dy, iz[l] + dz) + ix[l];
-            }
-            loadPairs4(pair, n[2 * dy + 4 * dz], n[1 + 2 * dy + 4 * dz]);
-        }
-    }
-    const __m128 y0 = lerp4(lerp4(n[0], n[1], tx.f), lerp4(n[2], n[3], tx.f), ty.f);
-    const __m128 y1 = lerp4(lerp4(n[4], n[5], tx.f), lerp4(n[6], n[7], tx.f), ty.f);
-    return lerp4(y0, y1, tz.f);
-}
-
-// Whether all four positions lie inside the source cuboid (the inclusive
-// test of insideSource, two positions per comparison).
-template <class T>
-inline bool allInside4(const SourceView<T>& s, const double px[4], const double py[4],
-                       const double pz[4]) {
-    __m128d ok = _mm_castsi128_pd(_mm_set1_epi32(-1));
-    const double* p[3] = {px, py, pz};
-    for (int a = 0; a < 3; ++a) {
-        const __m128d lo = _mm_set1_pd(s.first[a]), hi = _mm_set1_pd(s.last[a]);
-        for (int h = 0; h < 4; h += 2) {
-            const __m128d v = _mm_load_pd(p[a] + h);
-            ok = _mm_and_pd(ok, _mm_and_pd(_mm_cmpge_pd(v, lo), _mm_cmple_pd(v, hi)));
-        }
-    }
-    return _mm_movemask_pd(ok) == 3;
-}
-
-// The linear row: four positions at a time; when all four lie inside, they
-// are sampled together, otherwise one by one.
-template <class T>
-void warpRowLinear(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
-    const double(&d)[3][4] = job.inv;
+// Linear and cubic: N elements at a time: positions, the inside test, then
+// the mode. Linear float rows take four lanes: eight gain nothing there over
+// the pair loads, which dominate.
+template <class T, int Mode>
+void warpRow(const WarpJob<T>& job, T* out, int32_t xBegin, int32_t xEnd, double p[3]) {
+    constexpr int N = Mode == qelInterpLinear && std::is_same_v<T, float> ? 4 : kLanes;
+    using I = simd::I32<N>;
+    using D = simd::F64<N>;
     const SourceView<T>& s = job.src;
-    double X = p[0], Y = p[1], Z = p[2];
-    int32_t x = xBegin;
-    for (; x + 4 <= xEnd; x += 4) {
-        alignas(16) double px[4], py[4], pz[4];
-        for (int l = 0; l < 4; ++l) {
-            px[l] = X;
-            py[l] = Y;
-            pz[l] = Z;
-            X += d[0][0];
-            Y += d[1][0];
-            Z += d[2][0];
-        }
-        if (allInside4(s, px, py, pz)) {
-            alignas(16) float v[4];
-            _mm_store_ps(v, sampleLinear3x4(s, px, py, pz));
-            for (int l = 0; l < 4; ++l) out[x + l] = roundToElement<T>(v[l]);
+    const Bounds& b = s.box;
+    for (int32_t x = xBegin; x < xEnd; x += N) {
+        const int n = xEnd - x < N ? xEnd - x : N;
+        const Positions<N> q = positionsOf<N>(b, job.inv, p, n);
+        if (q.inside == 0) continue;
+        if constexpr (Mode == qelInterpLinear) {
+            // Lanes outside take the first corner, so their reads stay inside.
+            I i[3];
+            simd::F32<N> f[3];
+            for (int a = 0; a < 3; ++a) {
+                const D c = simd::select(q.mask, q.c[a], D(double(b.first[a])));
+                I k = simd::truncToInt(c);
+                k = k + ((k == I(b.last[a])) & (k > I(0)));  // -1 on the last element
+                i[a] = k;
+                f[a] = simd::narrow(c - simd::toDouble(k));
+            }
+            const Lanes<N> ix(i[0]), iy(i[1]), iz(i[2]);
+            // The pairs in rows y and y + 1 of planes z and z + 1.
+            const T* near[N];
+            const T* far[N];
+            for (int l = 0; l < N; ++l) {
+                near[l] = s.row(iy[l], iz[l]) + ix[l];
+                far[l] = s.row(iy[l], iz[l] + 1) + ix[l];
+            }
+            const auto corner = [&](int r, int l) {
+                return byteOffset(r < 2 ? near[l] : far[l], r & 1 ? ptrdiff_t{s.rowStep} : 0);
+            };
+            storeRoundedMasked(out + x, trilinear<T>(corner, true, f[0], f[1], f[2]), q.inside);
         } else {
-            for (int l = 0; l < 4; ++l) {
-                if (insideSource(s, px[l], py[l], pz[l])) {
-                    out[x + l] = roundToElement<T>(sampleLinear3(s, px[l], py[l], pz[l]));
+            const Lanes<N> ix(simd::truncToInt(q.c[0])), iy(simd::truncToInt(q.c[1]));
+            const Lanes<N> iz(simd::truncToInt(q.c[2]));
+            alignas(32) double c[3][N];
+            for (int a = 0; a < 3; ++a) simd::store(c[a], q.c[a]);
+            for (int l = 0; l < n; ++l) {
+                if (!(q.inside & (1 << l))) continue;
+                const KernelTable& t = *job.table;
+                const simd::F32<4> wx = tapWeights(t, static_cast<float>(c[0][l] - ix[l]));
+                const simd::F32<4> wy = tapWeights(t, static_cast<float>(c[1][l] - iy[l]));
+                const simd::F32<4> wz = tapWeights(t, static_cast<float>(c[2][l] - iz[l]));
+                const uint8_t* planes[4];
+                ptrdiff_t rows[4];
+                for (int k = 0; k < 4; ++k) {
+                    planes[k] = reinterpret_cast<const uint8_t*>(
+                        s.planes[clampIndex(iz[l] - 1 + k, b.first[2], b.last[2])]);
+                    rows[k] =
+                        static_cast<ptrdiff_t>(clampIndex(iy[l] - 1 + k, b.first[1], b.last[1])) *
+                        s.rowStep;
                 }
+                const CubicColumns cx = cubicColumns(ix[l], b.first[0], b.last[0]);
+                out[x + l] = roundToElement<T>(cubicVolume<T>(planes, rows, cx, wx, wy, wz));
             }
         }
     }
-    p[0] = X;
-    p[1] = Y;
-    p[2] = Z;
-    warpRow<T, qelInterpLinear>(job, out, x, xEnd, p);
 }
 
 // Destination planes [zBegin, zEnd) of the cuboid. Rows are taken in bands
@@ -285,8 +261,8 @@ void warpPlanes(const WarpJob<T>& job, RowRoutine<T> row, const QelBox3D& dstBox
 template <class T>
 constexpr RowRoutine<T> kRowRoutines[8] = {
     nullptr,
-    warpRow<T, qelInterpNearest>,
-    warpRowLinear<T>,
+    warpRowNearest<T>,
+    warpRow<T, qelInterpLinear>,
     nullptr,
     warpRow<T, qelInterpCubic>,
     warpRow<T, qelInterpCubicBSpline>,
@@ -310,11 +286,12 @@ QelStatus warpAffine(const T* const srcData[], QelVolumeSize srcSize, int srcRow
     }
     if (!originInside(srcBox, srcSize)) return qelWarnRegionOutsideVolume;
     const QelBox3D box = trimToVolume(srcBox, srcSize);
-    const int mode = degradeModeForSource(interpolation, srcSize);
+    const int mode = degradeMode(interpolation, smallestOf(srcSize));
 
     WarpJob<T> job;
     if (!invertTransform(coeffs, job.inv)) return qelErrSingularTransform;
-    job.src = sourceViewOf(srcData, srcRowStep, box, mode);
+    job.src = {srcData, srcRowStep, boundsOf(box)};
+    job.table = isCubicMode(mode) ? &kernelTable(mode) : nullptr;
     job.dst = dstData;
     job.dstRowStep = dstRowStep;
 

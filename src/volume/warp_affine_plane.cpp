@@ -8,20 +8,11 @@
 #include <climits>
 
 #include "core/memory.h"
-#include "simd/target.h"
 #include "volume/warp_affine.h"
 
 namespace qelr::QELR_ISA::volume::warp {
 
 namespace {
-
-// The mode a plane of this width and height supports: cubic needs 4 elements
-// in x and y, linear 2.
-int degradeModeForPlane(int mode, const QelVolumeSize& s) {
-    if (isCubicMode(mode) && (s.width < 4 || s.height < 4)) mode = qelInterpLinear;
-    if (s.width < 2 || s.height < 2) mode = qelInterpNearest;
-    return mode;
-}
 
 template <class T>
 float samplePlane(const SourceView<T>& s, int mode, double X, double Y) {
@@ -31,7 +22,7 @@ float samplePlane(const SourceView<T>& s, int mode, double X, double Y) {
         case qelInterpLinear:
             return sampleLinear2(s, X, Y, 0);
         default:
-            return sampleCubic2(s, X, Y, 0);
+            return sampleCubic2(s, kernelTable(mode), X, Y, 0);
     }
 }
 
@@ -43,7 +34,9 @@ QelStatus warpSinglePlane(const T* const srcData[], QelVolumeSize srcSize, int s
                           const double coeffs[3][4], int interpolation) {
     if (!originInside(srcBox, srcSize)) return qelWarnRegionOutsideVolume;
     const QelBox3D box = trimToVolume(srcBox, srcSize);
-    const int mode = degradeModeForPlane(interpolation, srcSize);
+    // The plane is interpolated in x and y only: its width and height decide.
+    const int mode =
+        degradeMode(interpolation, srcSize.width < srcSize.height ? srcSize.width : srcSize.height);
     double d[3][4];
     if (!invertTransform(coeffs, d)) return qelErrSingularTransform;
 
@@ -57,7 +50,7 @@ QelStatus warpSinglePlane(const T* const srcData[], QelVolumeSize srcSize, int s
         return qelErrNoMemory;
     }
 
-    const SourceView<T> s = sourceViewOf(srcData, srcRowStep, box, mode);
+    const SourceView<T> s{srcData, srcRowStep, boundsOf(box)};
     const double x0 = dstBox.x;
     for (int32_t k = 0; k < dstBox.depth; ++k) {
         const int64_t z = int64_t{dstBox.z} + k;  // the cuboid may end past INT32_MAX

@@ -207,6 +207,19 @@ void checkIntLanes() {
         "shifts", s,
         [](V a, V) { return shiftLeft<3>(a) ^ shiftRightLogical<5>(a) ^ shiftRightArith<7>(a); },
         [](int32_t a, int32_t) { return int32_t((U(a) << 3) ^ (U(a) >> 5)) ^ (a >> 7); });
+    // The 16-bit halves of each lane, signed.
+    const auto half = [](int32_t a, int shift) { return int32_t(int16_t(U(a) >> shift)); };
+    expectLanes<V>(
+        "mulAddPairs16", s, [](V a, V b) { return mulAddPairs16(a, b); },
+        [&](int32_t a, int32_t b) {
+            return int32_t(U(half(a, 0) * half(b, 0)) + U(half(a, 16) * half(b, 16)));
+        });
+    expectLanes<V>(
+        "mulLow16", s, [](V a, V b) { return mulLow16(a, b); },
+        [&](int32_t a, int32_t b) {
+            return int32_t((U(half(a, 0) * half(b, 0)) & 0xFFFF) |
+                           (U(half(a, 16) * half(b, 16)) << 16));
+        });
 }
 
 // Conversions, widening loads and saturating stores at width N.
@@ -354,6 +367,36 @@ TEST_F(Simd, FourLaneReductionsAndShufflesHaveOneOrder) {
     EXPECT_EQ(out[3], 1.0f);
     store(out, broadcastLane<2>(F32<4>::loadu(p)));
     EXPECT_EQ(out[3], 3.0f);
+    // 16-bit halves h0..h7 of a and g0..g7 of b: lane i of zipLow16 is
+    // (h_i, g_i), of zipHigh16 (h_{4+i}, g_{4+i}).
+    alignas(16) int32_t zipped[4];
+    const I32<4> a16 = I32<4>::of(0x00010000, 0x00030002, 0x00050004, 0x00070006);
+    const I32<4> b16 = I32<4>::of(0x00110010, 0x00130012, 0x00150014, 0x00170016);
+    store(zipped, zipLow16(a16, b16));
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(zipped[i], (0x10 + i) << 16 | i);
+    store(zipped, zipHigh16(a16, b16));
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(zipped[i], (0x14 + i) << 16 | (4 + i));
+#if QELR_SIMD_LANES == 8
+    alignas(32) double lanes[4];
+    store(lanes, F64<4>::of(1.5, -2.0, 3.25, 4.0));
+    EXPECT_TRUE(lanes[0] == 1.5 && lanes[1] == -2.0 && lanes[2] == 3.25 && lanes[3] == 4.0);
+    // Eight lanes: each half transposed as its own 4 x 4 block.
+    F32<8> w[4];
+    alignas(32) float in[8], wide[8];
+    for (int k = 0; k < 4; ++k) {
+        for (int j = 0; j < 8; ++j) in[j] = 8.0f * k + j;
+        w[k] = F32<8>::load(in);
+    }
+    store(wide, pairwiseAdd(w[0], w[1]));  // rows 0 (0..7) and 1 (8..15)
+    const float sums[8] = {1, 5, 17, 21, 9, 13, 25, 29};
+    for (int j = 0; j < 8; ++j) EXPECT_EQ(wide[j], sums[j]);
+    transpose(w[0], w[1], w[2], w[3]);
+    for (int k = 0; k < 4; ++k) {
+        store(wide, w[k]);
+        for (int h = 0; h < 2; ++h)
+            for (int j = 0; j < 4; ++j) EXPECT_EQ(wide[4 * h + j], 8.0f * j + 4 * h + k);
+    }
+#endif
 }
 
 }  // namespace
