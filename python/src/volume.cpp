@@ -30,6 +30,16 @@ struct Source {
 
     QelBox3D wholeBox() const { return {0, 0, 0, whole.width, whole.height, whole.depth}; }
 
+    // The region as a source cuboid. Remap and warp read only inside the
+    // cuboid they are given (lanes that write nothing may still read there),
+    // and every position a block maps inside the whole volume lies inside its
+    // region with all its taps, so the region as cuboid gives the results of
+    // the whole volume while keeping every read inside the region.
+    QelBox3D regionBox() const {
+        return {origin[0], origin[1], origin[2], static_cast<int32_t>(data.shape(2)),
+                static_cast<int32_t>(data.shape(1)), static_cast<int32_t>(data.shape(0))};
+    }
+
     // The address that element (0, 0, 0) of the whole volume would have.
     uint8_t* virtualBase() const {
         auto* base = static_cast<uint8_t*>(const_cast<void*>(data.data()));
@@ -293,7 +303,7 @@ py::array remapImpl(const Source& s, const py::array& c, int mode, double cval) 
         }
         std::vector<T*> dst = outputPlanes<T>(out, {0, 0, 0, 0, 0, dstSize.depth});
         return RemapEntry<T>::f(src.data(), s.whole, static_cast<int>(s.data.strides(1)),
-                                s.wholeBox(), maps[0].data(), maps[1].data(), maps[2].data(),
+                                s.regionBox(), maps[0].data(), maps[1].data(), maps[2].data(),
                                 static_cast<int>(c.strides(2)), dst.data(),
                                 static_cast<int>(out.strides(1)), dstSize, mode);
     });
@@ -410,7 +420,7 @@ py::array warpImpl(const Source& s, const Coeffs& c, const QelBox3D& box, int mo
         const std::vector<const T*> src = s.planes<T>();
         const std::vector<T*> dst = outputPlanes<T>(out, box);
         return WarpEntry<T>::f(src.data(), s.whole, static_cast<int>(s.data.strides(1)),
-                               s.wholeBox(), dst.data(), static_cast<int>(out.strides(1)), box,
+                               s.regionBox(), dst.data(), static_cast<int>(out.strides(1)), box,
                                coeffs, mode);
     });
     checkStatus(st, "qelrWarpAffine");
