@@ -364,6 +364,15 @@ TEST_F(Simd, FourLaneReductionsAndShufflesHaveOneOrder) {
     EXPECT_EQ(out[3], 1.0f);
     store(out, broadcastLane<2>(F32<4>::loadu(p)));
     EXPECT_EQ(out[3], 3.0f);
+    // Triples from four addresses, the last one ending the array.
+    const float t[12] = {0, 1, 2, 10, 11, 12, 20, 21, 22, 30, 31, 32};
+    F32<4> xyz[3];
+    loadTriples(t + 9, t + 3, t, t + 6, xyz[0], xyz[1], xyz[2]);
+    const int row[4] = {3, 1, 0, 2};
+    for (int c = 0; c < 3; ++c) {
+        store(out, xyz[c]);
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(out[k], 10.0f * row[k] + c);
+    }
 }
 
 TEST_F(Simd, GroupsOfFourCoverTheRunOnceNativeWidthFirst) {
