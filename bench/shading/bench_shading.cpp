@@ -76,13 +76,17 @@ class Planes {
         maskStore_ = static_cast<int*>(qelMalloc(int(sizeof(int)) * (len + 32)));
         std::memcpy(maskStore_, mask_.data(), sizeof(int) * (len + 32));
         m_ = maskStore_ + offset;
+        hitStore_ = static_cast<int*>(qelMalloc(int(sizeof(int)) * (len + 32)));
+        hits_ = hitStore_ + offset;
     }
     ~Planes() {
         qelFree(raw_);
         qelFree(maskStore_);
+        qelFree(hitStore_);
     }
     float* operator[](int k) { return p_[k]; }
     int* mask() { return m_; }
+    int* hits() { return hits_; }
     void resetMask() { std::memcpy(m_, mask_.data() + (m_ - maskStore_), sizeof(int) * len_); }
 
  private:
@@ -90,6 +94,8 @@ class Planes {
     float* raw_;
     int* maskStore_;
     int* m_;
+    int* hitStore_;
+    int* hits_;
     std::vector<float*> p_;
     std::vector<int> mask_;
 };
@@ -112,16 +118,17 @@ struct Mesh {
         qelFree(triangleNormals);
         qelFree(tris);
     }
-    // Hits in planes 12 (index), 0 and 1 (u, v): groups of four neighbouring
-    // rays often share a triangle; about one ray in eight misses.
+    // Hits (triangle indices, and u, v in planes 11 and 12): two groups of
+    // four neighbouring rays in three share a triangle; about one ray in
+    // eight misses.
     static void hits(Planes& p, int len) {
         std::mt19937 rng(9);
         std::uniform_real_distribution<float> w(0.0f, 0.5f);
         for (int i = 0; i < len; ++i) {
             const int t = (i / 4) % 3 == 0 ? int(rng() % kTriangles) : (i / 4 * 37) % kTriangles;
-            p.mask()[i] = rng() % 8 == 0 ? -1 : t;
-            p[0][i] = w(rng);
-            p[1][i] = w(rng);
+            p.hits()[i] = rng() % 8 == 0 ? -1 : t;
+            p[11][i] = w(rng);
+            p[12][i] = w(rng);
         }
     }
 };
@@ -190,13 +197,13 @@ std::vector<Op> operations(const Mesh& mesh) {
         {"SurfFlatNormal_32f", 4, 3,
          [&mesh](Isa isa, Planes& p, int n) {
              float* out[3] = {p[2], p[3], p[4]};
-             V(qelrSurfFlatNormal_32f)(mesh.triangleNormals, p.mask(), out, n);
+             V(qelrSurfFlatNormal_32f)(mesh.triangleNormals, p.hits(), out, n);
          }},
         {"SurfSmoothNormal_32f", 15, 3,
          [&mesh](Isa isa, Planes& p, int n) {
-             const float* uv[2] = {p[0], p[1]};
+             const float* uv[2] = {p[11], p[12]};
              float* out[3] = {p[2], p[3], p[4]};
-             V(qelrSurfSmoothNormal_32f)(mesh.vertexNormals, mesh.tris, p.mask(), uv, out, n, 4);
+             V(qelrSurfSmoothNormal_32f)(mesh.vertexNormals, mesh.tris, p.hits(), uv, out, n, 4);
          }},
         {"CastEye_32f", 0, 3,
          [](Isa isa, Planes& p, int n) {
