@@ -1,4 +1,4 @@
-// Ray planes for the tests: twelve float planes (four P3 packs) and two int
+// Ray planes for the shading and ray tests: twelve float planes (four P3 packs) and two int
 // planes starting `shift` elements past a 32-byte boundary (0: every vector
 // path, 4: 16 bytes only, 1: the one-element paths), with guard elements.
 #pragma once
