@@ -3,7 +3,9 @@
 // that moves as many bytes as the operation reads and writes (one thread);
 // and triangle normals of a million triangles on one and two threads.
 //
-//   bench_shading [repetitions]
+//   bench_shading [repetitions [operation]]
+//
+// With an operation name (or a part of one) only the matching rows run.
 //
 // The machine is shared: single-thread figures are medians of the thread's
 // CPU time over interleaved repetitions (every candidate once per round);
@@ -14,8 +16,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -30,6 +32,7 @@ namespace {
 using qelr::frame::Isa;
 
 int gRepetitions = 15;
+const char* gOnly = "";
 
 double threadSeconds() {
     timespec t;
@@ -37,24 +40,32 @@ double threadSeconds() {
     return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
 }
 
-// Median seconds per call of each candidate; one round runs every candidate
-// `inner` times, so a burst of load hits them all alike.
+// Median seconds per call of each candidate, then the median over the rounds
+// of the first candidate's time over the second's (a paired ratio, steadier
+// than the ratio of medians when the load drifts); one round runs every candidate
+// `inner` times after one untimed run (so that each starts with its own data
+// in the caches, whatever ran before), starting one candidate further each
+// round, so that a burst of load hits them all alike and none always runs
+// after the same one.
 std::vector<double> medians(const std::vector<std::function<void()>>& runs, int inner) {
     std::vector<std::vector<double>> t(runs.size());
-    for (const auto& run : runs) run();  // warm the caches and the pages
     for (int r = 0; r < gRepetitions; ++r) {
-        for (size_t k = 0; k < runs.size(); ++k) {
+        for (size_t j = 0; j < runs.size(); ++j) {
+            const size_t k = (j + r) % runs.size();
+            runs[k]();  // its own data in the caches, whatever ran before
             const double a = threadSeconds();
             for (int i = 0; i < inner; ++i) runs[k]();
             t[k].push_back((threadSeconds() - a) / inner);
         }
     }
-    std::vector<double> m;
+    std::vector<double> m, ratio;
+    for (size_t r = 0; r < t[0].size() && runs.size() > 1; ++r) ratio.push_back(t[0][r] / t[1][r]);
+    t.push_back(ratio);
     for (auto& v : t) {
         std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-        m.push_back(v[v.size() / 2]);
+        m.push_back(v.empty() ? 0.0 : v[v.size() / 2]);
     }
-    return m;
+    return m;  // and last, the median over rounds of time 0 / time 1
 }
 
 // 64-byte aligned planes of one ray pack; `offset` floats past the alignment
@@ -180,14 +191,20 @@ std::vector<Op> operations(const Mesh& mesh) {
              V(qelrCastReflectionRay_32f)(d, p.mask(), nn, r, n);
          }},
         {"Mul_32f_C1IM", 3, 1,
-         [](Isa isa, Planes& p, int n) { V(qelrMul_32f_C1IM)(p[13], p.mask(), p[1], n); }},
+         [](Isa isa, Planes& p, int n) {
+             V(qelrMul_32f_C1IM)
+             (p[13], p.mask(), p[1], n);
+         }},
         {"Mul_32f_C1P3IM", 5, 3,
          [](Isa isa, Planes& p, int n) {
              float* sd[3] = {p[1], p[2], p[3]};
              V(qelrMul_32f_C1P3IM)(p[13], p.mask(), sd, n);
          }},
         {"Div_32f_C1IM", 3, 1,
-         [](Isa isa, Planes& p, int n) { V(qelrDiv_32f_C1IM)(p[13], p.mask(), p[1], n); }},
+         [](Isa isa, Planes& p, int n) {
+             V(qelrDiv_32f_C1IM)
+             (p[13], p.mask(), p[1], n);
+         }},
         {"AddMulMul_32f_AC1P3IM", 8, 3,
          [](Isa isa, Planes& p, int n) {
              const float* s[3] = {p[1], p[2], p[3]};
@@ -234,8 +251,8 @@ std::vector<Op> operations(const Mesh& mesh) {
 void benchRays(int len) {
     std::printf("\n%d rays per call, one thread, Mrays/s (ratio: to memcpy of the same bytes)\n",
                 len);
-    std::printf("%-24s %8s %8s %8s %8s %8s %6s %6s %6s\n", "operation", "sse3", "avx2",
-                "sse3-1", "avx2-1", "memcpy", "sse3/m", "avx2/m", "a2/s3");
+    std::printf("%-24s %8s %8s %8s %8s %8s %6s %6s %6s\n", "operation", "sse3", "avx2", "sse3-1",
+                "avx2-1", "memcpy", "sse3/m", "avx2/m", "a2/s3");
     const int inner = std::max(1, (1 << 21) / len);
     const Mesh mesh;
     Planes aligned(14, len, 0), misaligned(14, len, 1);
@@ -243,6 +260,7 @@ void benchRays(int len) {
     Mesh::hits(misaligned, len);
     std::vector<char> from(64 * size_t(len)), to(64 * size_t(len));
     for (const Op& op : operations(mesh)) {
+        if (std::strstr(op.name, gOnly) == nullptr) continue;
         // memcpy reads and writes as many bytes as it copies: copying half
         // the operation's traffic moves the same bytes.
         const size_t bytes = size_t(op.planesRead + op.planesWritten) * 4 * len / 2;
@@ -253,9 +271,8 @@ void benchRays(int len) {
              [&] { std::memcpy(to.data(), from.data(), bytes); }},
             inner);
         auto rate = [&](double s) { return len / s * 1e-6; };
-        std::printf("%-24s %8.0f %8.0f %8.0f %8.0f %8.0f %6.2f %6.2f %6.2f\n", op.name,
-                    rate(m[0]), rate(m[1]), rate(m[2]), rate(m[3]), rate(m[4]), m[4] / m[0],
-                    m[4] / m[1], m[0] / m[1]);
+        std::printf("%-24s %8.0f %8.0f %8.0f %8.0f %8.0f %6.2f %6.2f %6.2f\n", op.name, rate(m[0]),
+                    rate(m[1]), rate(m[2]), rate(m[3]), rate(m[4]), m[4] / m[0], m[4] / m[1], m[5]);
     }
 }
 
@@ -281,7 +298,7 @@ void benchTriangleNormals() {
     qelSetNumThreads(1);
     const auto one = medians({[&] { run(Isa::sse3); }, [&] { run(Isa::avx2); }}, 1);
     std::printf("  1 thread  (CPU time):  sse3 %7.1f  avx2 %7.1f  avx2/sse3 %.2f\n",
-                triangles / one[0] * 1e-6, triangles / one[1] * 1e-6, one[0] / one[1]);
+                triangles / one[0] * 1e-6, triangles / one[1] * 1e-6, one[2]);
     qelSetNumThreads(2);
     double wall[2];
     for (Isa isa : {Isa::sse3, Isa::avx2}) {
@@ -290,7 +307,8 @@ void benchTriangleNormals() {
         for (int r = 0; r < gRepetitions; ++r) {
             const auto a = std::chrono::steady_clock::now();
             run(isa);
-            t.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count());
+            t.push_back(
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count());
         }
         std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
         wall[isa == Isa::avx2] = t[t.size() / 2];
@@ -304,6 +322,7 @@ void benchTriangleNormals() {
 
 int main(int argc, char** argv) {
     if (argc > 1) gRepetitions = std::max(1, std::atoi(argv[1]));
+    if (argc > 2) gOnly = argv[2];
     if (!qelr::frame::isaRuns(Isa::avx2)) {
         std::printf("this processor cannot run the AVX2 variant\n");
         return 0;
@@ -312,6 +331,6 @@ int main(int argc, char** argv) {
                 gRepetitions);
     qelSetNumThreads(1);
     for (int len : {4096, 1 << 20}) benchRays(len);
-    benchTriangleNormals();
+    if (std::strstr("TriangleNormal_32f", gOnly) != nullptr) benchTriangleNormals();
     return 0;
 }
