@@ -3,6 +3,7 @@
 // expected values (the double square root, rounded, the float one); the
 // division, grazing and masking rules by hand.
 #include <gtest/gtest.h>
+#include <qelcore.h>
 #include <qelr.h>
 
 #include <cmath>
@@ -95,4 +96,24 @@ TEST(ShadingOps, RulesByHand) {
         EXPECT_EQ(r.mask()[0] + r.mask()[1], -1);
         EXPECT_EQ(r.p(7)[0] + r.p(7)[1], 0x1p-9f);
     }
+}
+
+TEST(ShadingOps, DotProductsOfLongRuns) {
+    const int n = (1 << 19) + 8;  // long enough to stream: four lanes at a time
+    auto* p = static_cast<float*>(qelMalloc(int(sizeof(float)) * 7 * n));
+    auto* mask = static_cast<int*>(qelMalloc(int(sizeof(int)) * n));
+    for (int i = 0; i < 6 * n; ++i) p[i] = float(i % 13 - 6);
+    for (int i = 0; i < n; ++i) mask[i] = i % 5 - 1;
+    const float* a[3] = {p, p + n, p + 2 * n};
+    const float* b[3] = {p + 3 * n, p + 4 * n, p + 5 * n};
+    ASSERT_EQ(qelrDot_32f_P3C1M(a, b, mask, p + 6 * n, n), qelOk);
+    int wrong = 0;
+    for (int i = 0; i < n; ++i) {
+        double d = 0;
+        for (int c = 0; c < 3; ++c) d += double(a[c][i]) * b[c][i];
+        wrong += p[6 * n + i] != (mask[i] < 0 ? 0.0 : d);
+    }
+    EXPECT_EQ(wrong, 0);
+    qelFree(p);
+    qelFree(mask);
 }
