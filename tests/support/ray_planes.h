@@ -30,9 +30,11 @@ struct Planes {
     bool sameFrom(const Planes& o, int from) const {
         bool same = true;
         for (int k = 0; k < 14; ++k) {
-            const int32_t* a = k < 12 ? reinterpret_cast<const int32_t*>(f[k]) : m[k - 12];
-            const int32_t* b = k < 12 ? reinterpret_cast<const int32_t*>(o.f[k]) : o.m[k - 12];
-            same = same && std::memcmp(a + shift + from, b + o.shift + from, 4 * (80 - from)) == 0;
+            const void* a =
+                k < 12 ? &f[k][shift + from] : static_cast<const void*>(&m[k - 12][shift + from]);
+            const void* b = k < 12 ? &o.f[k][o.shift + from]
+                                   : static_cast<const void*>(&o.m[k - 12][o.shift + from]);
+            same = same && std::memcmp(a, b, 4 * (80 - from)) == 0;
         }
         return same;
     }
