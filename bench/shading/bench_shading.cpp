@@ -1,36 +1,71 @@
-// Throughput of the shading operations in millions of rays per second, beside
-// a memcpy that moves as many bytes as the operation reads and writes, on one
-// thread; and triangle normals of a million triangles on one and two threads.
+// Throughput of the shading operations, eye rays and hit points in millions
+// of rays per second, SSE3 and AVX2 variants side by side, beside a memcpy
+// that moves as many bytes as the operation reads and writes (one thread);
+// and triangle normals of a million triangles on one and two threads.
 //
-//   bench_shading [repetitions]
+//   bench_shading [repetitions [operation]]
 //
-// Each figure is the median of the repetitions (the machine is shared).
+// With an operation name (or a part of one) only the matching rows run.
+//
+// The machine is shared: single-thread figures are medians of the thread's
+// CPU time over interleaved repetitions (every candidate once per round);
+// the two-thread triangle normals are medians of wall time.
+#include <qelcore.h>
 #include <qelr.h>
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <random>
+#include <string>
 #include <vector>
+
+#include "core/dispatch.h"
 
 namespace {
 
-int gRepetitions = 15;
+using qelr::frame::Isa;
 
-double medianSeconds(const std::function<void()>& run, int inner) {
-    std::vector<double> t;
-    run();  // warm the caches and the pages
+int gRepetitions = 15;
+const char* gOnly = "";
+
+double threadSeconds() {
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
+}
+
+// Median seconds per call of each candidate, then the median over the rounds
+// of the first candidate's time over the second's (a paired ratio, steadier
+// than the ratio of medians when the load drifts); one round runs every candidate
+// `inner` times after one untimed run (so that each starts with its own data
+// in the caches, whatever ran before), starting one candidate further each
+// round, so that a burst of load hits them all alike and none always runs
+// after the same one.
+std::vector<double> medians(const std::vector<std::function<void()>>& runs, int inner) {
+    std::vector<std::vector<double>> t(runs.size());
     for (int r = 0; r < gRepetitions; ++r) {
-        const auto a = std::chrono::steady_clock::now();
-        for (int k = 0; k < inner; ++k) run();
-        const auto b = std::chrono::steady_clock::now();
-        t.push_back(std::chrono::duration<double>(b - a).count() / inner);
+        for (size_t j = 0; j < runs.size(); ++j) {
+            const size_t k = (j + r) % runs.size();
+            runs[k]();  // its own data in the caches, whatever ran before
+            const double a = threadSeconds();
+            for (int i = 0; i < inner; ++i) runs[k]();
+            t[k].push_back((threadSeconds() - a) / inner);
+        }
     }
-    std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
-    return t[t.size() / 2];
+    std::vector<double> m, ratio;
+    for (size_t r = 0; r < t[0].size() && runs.size() > 1; ++r) ratio.push_back(t[0][r] / t[1][r]);
+    t.push_back(ratio);
+    for (auto& v : t) {
+        std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
+        m.push_back(v.empty() ? 0.0 : v[v.size() / 2]);
+    }
+    return m;  // and last, the median over rounds of time 0 / time 1
 }
 
 // 64-byte aligned planes of one ray pack; `offset` floats past the alignment
@@ -52,13 +87,17 @@ class Planes {
         maskStore_ = static_cast<int*>(qelMalloc(int(sizeof(int)) * (len + 32)));
         std::memcpy(maskStore_, mask_.data(), sizeof(int) * (len + 32));
         m_ = maskStore_ + offset;
+        hitStore_ = static_cast<int*>(qelMalloc(int(sizeof(int)) * (len + 32)));
+        hits_ = hitStore_ + offset;
     }
     ~Planes() {
         qelFree(raw_);
         qelFree(maskStore_);
+        qelFree(hitStore_);
     }
     float* operator[](int k) { return p_[k]; }
     int* mask() { return m_; }
+    int* hits() { return hits_; }
     void resetMask() { std::memcpy(m_, mask_.data() + (m_ - maskStore_), sizeof(int) * len_); }
 
  private:
@@ -66,132 +105,175 @@ class Planes {
     float* raw_;
     int* maskStore_;
     int* m_;
+    int* hitStore_;
+    int* hits_;
     std::vector<float*> p_;
     std::vector<int> mask_;
+};
+
+// Per-vertex and per-triangle data for the surface normals.
+struct Mesh {
+    static constexpr int kTriangles = 1 << 16, kVertices = 1 << 15;
+    float* vertexNormals = static_cast<float*>(qelMalloc(12 * kVertices));
+    float* triangleNormals = static_cast<float*>(qelMalloc(12 * kTriangles));
+    int* tris = static_cast<int*>(qelMalloc(16 * kTriangles));
+    Mesh() {
+        std::mt19937 rng(3);
+        std::uniform_real_distribution<float> d(-1.0f, 1.0f);
+        for (int i = 0; i < 3 * kVertices; ++i) vertexNormals[i] = d(rng);
+        for (int i = 0; i < 3 * kTriangles; ++i) triangleNormals[i] = d(rng);
+        for (int i = 0; i < 4 * kTriangles; ++i) tris[i] = int(rng() % kVertices);
+    }
+    ~Mesh() {
+        qelFree(vertexNormals);
+        qelFree(triangleNormals);
+        qelFree(tris);
+    }
+    // Hits (triangle indices, and u, v in planes 11 and 12): two groups of
+    // four neighbouring rays in three share a triangle; about one ray in
+    // eight misses.
+    static void hits(Planes& p, int len) {
+        std::mt19937 rng(9);
+        std::uniform_real_distribution<float> w(0.0f, 0.5f);
+        for (int i = 0; i < len; ++i) {
+            const int t = (i / 4) % 3 == 0 ? int(rng() % kTriangles) : (i / 4 * 37) % kTriangles;
+            p.hits()[i] = rng() % 8 == 0 ? -1 : t;
+            p[11][i] = w(rng);
+            p[12][i] = w(rng);
+        }
+    }
 };
 
 struct Op {
     const char* name;
     int planesRead;     // float or mask planes read
     int planesWritten;  // planes written
-    std::function<void(Planes&, int)> run;
+    std::function<void(Isa, Planes&, int)> run;
 };
 
 const float kLight[3] = {0.5f, 4.0f, -1.0f};
 const float kColour[3] = {0.8f, 0.6f, 0.4f};
 
-std::vector<Op> operations() {
+#define V(name) QELR_VARIANT(isa, name)
+
+std::vector<Op> operations(const Mesh& mesh) {
     return {
         {"Dot_32f_P3C1M", 7, 1,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              const float* a[3] = {p[0], p[1], p[2]};
              const float* b[3] = {p[3], p[4], p[5]};
-             qelrDot_32f_P3C1M(a, b, p.mask(), p[6], n);
+             V(qelrDot_32f_P3C1M)(a, b, p.mask(), p[6], n);
          }},
         {"DotChangeNorm_32f_IM", 7, 4,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              const float* a[3] = {p[0], p[1], p[2]};
              float* nn[3] = {p[3], p[4], p[5]};
-             qelrDotChangeNorm_32f_IM(a, p.mask(), nn, p[6], n);
+             V(qelrDotChangeNorm_32f_IM)(a, p.mask(), nn, p[6], n);
          }},
         {"DistAttenuationSO_32f_M", 4, 1,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              const float* pts[3] = {p[0], p[1], p[2]};
-             qelrDistAttenuationSO_32f_M(kLight, pts, p.mask(), p[6], n);
+             V(qelrDistAttenuationSO_32f_M)(kLight, pts, p.mask(), p[6], n);
          }},
         {"CastShadowSO_32f", 8, 5,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              const float* nn[3] = {p[0], p[1], p[2]};
              const float* pts[3] = {p[3], p[4], p[5]};
              float* dirs[3] = {p[8], p[9], p[10]};
              p.resetMask();
-             qelrCastShadowSO_32f(kLight, p[6], nn, pts, p.mask(), p[7], dirs, n);
+             V(qelrCastShadowSO_32f)(kLight, p[6], nn, pts, p.mask(), p[7], dirs, n);
          }},
         {"CastReflectionRay_32f", 7, 3,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              const float* d[3] = {p[0], p[1], p[2]};
              const float* nn[3] = {p[3], p[4], p[5]};
              float* r[3] = {p[8], p[9], p[10]};
-             qelrCastReflectionRay_32f(d, p.mask(), nn, r, n);
+             V(qelrCastReflectionRay_32f)(d, p.mask(), nn, r, n);
          }},
         {"Mul_32f_C1IM", 3, 1,
-         [](Planes& p, int n) { qelrMul_32f_C1IM(p[11], p.mask(), p[1], n); }},
+         [](Isa isa, Planes& p, int n) {
+             V(qelrMul_32f_C1IM)
+             (p[13], p.mask(), p[1], n);
+         }},
         {"Mul_32f_C1P3IM", 5, 3,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              float* sd[3] = {p[1], p[2], p[3]};
-             qelrMul_32f_C1P3IM(p[11], p.mask(), sd, n);
+             V(qelrMul_32f_C1P3IM)(p[13], p.mask(), sd, n);
          }},
         {"Div_32f_C1IM", 3, 1,
-         [](Planes& p, int n) { qelrDiv_32f_C1IM(p[11], p.mask(), p[1], n); }},
+         [](Isa isa, Planes& p, int n) {
+             V(qelrDiv_32f_C1IM)
+             (p[13], p.mask(), p[1], n);
+         }},
         {"AddMulMul_32f_AC1P3IM", 8, 3,
-         [](Planes& p, int n) {
+         [](Isa isa, Planes& p, int n) {
              const float* s[3] = {p[1], p[2], p[3]};
              float* acc[3] = {p[8], p[9], p[10]};
-             qelrAddMulMul_32f_AC1P3IM(kColour, p[0], s, p.mask(), acc, n);
+             V(qelrAddMulMul_32f_AC1P3IM)(kColour, p[0], s, p.mask(), acc, n);
+         }},
+        {"SurfFlatNormal_32f", 4, 3,
+         [&mesh](Isa isa, Planes& p, int n) {
+             float* out[3] = {p[2], p[3], p[4]};
+             V(qelrSurfFlatNormal_32f)(mesh.triangleNormals, p.hits(), out, n);
+         }},
+        {"SurfSmoothNormal_32f", 15, 3,
+         [&mesh](Isa isa, Planes& p, int n) {
+             const float* uv[2] = {p[11], p[12]};
+             float* out[3] = {p[2], p[3], p[4]};
+             V(qelrSurfSmoothNormal_32f)(mesh.vertexNormals, mesh.tris, p.hits(), uv, out, n, 4);
+         }},
+        {"CastEye_32f", 0, 3,
+         [](Isa isa, Planes& p, int n) {
+             // 64 columns (the vector path on either alignment) or 63 (the
+             // one-ray path), as many rows as fit.
+             const int width = reinterpret_cast<uintptr_t>(p[8]) % 16 == 0 ? 64 : 63;
+             float* d[3] = {p[8], p[9], p[10]};
+             const float corner[3] = {-0.7f, 0.4f, 1.0f}, sx[3] = {0.002f, 0.0f, 0.0001f},
+                         sy[3] = {0.0f, -0.002f, 0.0003f};
+             V(qelrCastEye_32f)(corner, sx, sy, 64, 64, {3, 2}, d, {width, n / 64});
+         }},
+        {"HitPoint3DEpsS0_32f_M", 5, 3,
+         [](Isa isa, Planes& p, int n) {
+             const float* d[3] = {p[0], p[1], p[2]};
+             float* pts[3] = {p[8], p[9], p[10]};
+             V(qelrHitPoint3DEpsS0_32f_M)(kLight, d, p[3], p.mask(), pts, n, 0.999f);
+         }},
+        {"HitPoint3DEpsM0_32f_M", 8, 3,
+         [](Isa isa, Planes& p, int n) {
+             const float* o[3] = {p[4], p[5], p[6]};
+             const float* d[3] = {p[0], p[1], p[2]};
+             float* pts[3] = {p[8], p[9], p[10]};
+             V(qelrHitPoint3DEpsM0_32f_M)(o, d, p[3], p.mask(), pts, n, 0.999f);
          }},
     };
 }
 
 void benchRays(int len) {
-    std::printf("\n%d rays per call (one thread)\n", len);
-    std::printf("%-26s %12s %12s %14s %8s\n", "operation", "4-wide Mr/s", "1-ray Mr/s",
-                "memcpy Mr/s", "ratio");
-    const int inner = std::max(1, (1 << 22) / len);
-    Planes aligned(12, len, 0), misaligned(12, len, 1);
+    std::printf("\n%d rays per call, one thread, Mrays/s (ratio: to memcpy of the same bytes)\n",
+                len);
+    std::printf("%-24s %8s %8s %8s %8s %8s %6s %6s %6s\n", "operation", "sse3", "avx2", "sse3-1",
+                "avx2-1", "memcpy", "sse3/m", "avx2/m", "a2/s3");
+    const int inner = std::max(1, (1 << 21) / len);
+    const Mesh mesh;
+    Planes aligned(14, len, 0), misaligned(14, len, 1);
+    Mesh::hits(aligned, len);
+    Mesh::hits(misaligned, len);
     std::vector<char> from(64 * size_t(len)), to(64 * size_t(len));
-    for (const Op& op : operations()) {
-        const double four = medianSeconds([&] { op.run(aligned, len); }, inner);
-        const double one = medianSeconds([&] { op.run(misaligned, len); }, inner);
+    for (const Op& op : operations(mesh)) {
+        if (std::strstr(op.name, gOnly) == nullptr) continue;
         // memcpy reads and writes as many bytes as it copies: copying half
         // the operation's traffic moves the same bytes.
         const size_t bytes = size_t(op.planesRead + op.planesWritten) * 4 * len / 2;
-        const double copy =
-            medianSeconds([&] { std::memcpy(to.data(), from.data(), bytes); }, inner);
-        std::printf("%-26s %12.0f %12.0f %14.0f %8.2f\n", op.name, len / four * 1e-6,
-                    len / one * 1e-6, len / copy * 1e-6, copy / four);
+        const auto m = medians(
+            {[&] { op.run(Isa::sse3, aligned, len); }, [&] { op.run(Isa::avx2, aligned, len); },
+             [&] { op.run(Isa::sse3, misaligned, len); },
+             [&] { op.run(Isa::avx2, misaligned, len); },
+             [&] { std::memcpy(to.data(), from.data(), bytes); }},
+            inner);
+        auto rate = [&](double s) { return len / s * 1e-6; };
+        std::printf("%-24s %8.0f %8.0f %8.0f %8.0f %8.0f %6.2f %6.2f %6.2f\n", op.name, rate(m[0]),
+                    rate(m[1]), rate(m[2]), rate(m[3]), rate(m[4]), m[4] / m[0], m[4] / m[1], m[5]);
     }
-}
-
-void benchSurfaceNormals(int len) {
-    const int triangles = 1 << 16, vertices = 1 << 15;
-    std::mt19937 rng(3);
-    std::uniform_real_distribution<float> d(-1.0f, 1.0f), w(0.0f, 0.5f);
-    // qelMalloc's 64-byte alignment lets the aligned packs take the four-rays path.
-    float* vn = static_cast<float*>(qelMalloc(12 * vertices));
-    float* tn = static_cast<float*>(qelMalloc(12 * triangles));
-    for (int i = 0; i < 3 * vertices; ++i) vn[i] = d(rng);
-    for (int i = 0; i < 3 * triangles; ++i) tn[i] = d(rng);
-    int* tris = static_cast<int*>(qelMalloc(16 * triangles));
-    for (int i = 0; i < 4 * triangles; ++i) tris[i] = int(rng() % vertices);
-    Planes aligned(6, len, 0), misaligned(6, len, 1);
-    for (Planes* p : {&aligned, &misaligned}) {
-        for (int i = 0; i < len; ++i) {
-            // Groups of four neighbouring rays often share a triangle.
-            p->mask()[i] =
-                (i / 4) % 3 == 0 ? int(rng() % triangles) : int((i / 4 * 37) % triangles);
-            (*p)[0][i] = w(rng);
-            (*p)[1][i] = w(rng);
-        }
-    }
-    const int inner = std::max(1, (1 << 20) / len);
-    auto flat = [&](Planes& p) {
-        float* out[3] = {p[2], p[3], p[4]};
-        qelrSurfFlatNormal_32f(tn, p.mask(), out, len);
-    };
-    auto smooth = [&](Planes& p) {
-        const float* uv[2] = {p[0], p[1]};
-        float* out[3] = {p[2], p[3], p[4]};
-        qelrSurfSmoothNormal_32f(vn, tris, p.mask(), uv, out, len, 4);
-    };
-    std::printf("%-26s %12.0f %12.0f\n", "SurfFlatNormal_32f",
-                len / medianSeconds([&] { flat(aligned); }, inner) * 1e-6,
-                len / medianSeconds([&] { flat(misaligned); }, inner) * 1e-6);
-    std::printf("%-26s %12.0f %12.0f\n", "SurfSmoothNormal_32f",
-                len / medianSeconds([&] { smooth(aligned); }, inner) * 1e-6,
-                len / medianSeconds([&] { smooth(misaligned); }, inner) * 1e-6);
-    qelFree(tris);
-    qelFree(vn);
-    qelFree(tn);
 }
 
 void benchTriangleNormals() {
@@ -209,16 +291,30 @@ void benchTriangleNormals() {
         tris[4 * t + 2] = base + 2 - (t & 1);
     }
     const int saved = ownGetNumThreads();
-    std::printf("\nTriangleNormal_32f, %d triangles\n", triangles);
-    double single = 0;
-    for (int threads : {1, 2}) {
-        qelSetNumThreads(threads);
-        const double s = medianSeconds(
-            [&] { qelrTriangleNormal_32f(v.data(), tris.data(), n.data(), triangles); }, 1);
-        if (threads == 1) single = s;
-        std::printf("  %d thread%s: %7.2f ms  %7.1f Mtriangles/s  speed-up %.2f\n", threads,
-                    threads == 1 ? " " : "s", s * 1e3, triangles / s * 1e-6, single / s);
+    std::printf("\nTriangleNormal_32f, %d triangles, Mtriangles/s\n", triangles);
+    auto run = [&](Isa isa) {
+        QELR_VARIANT(isa, qelrTriangleNormal_32f)(v.data(), tris.data(), n.data(), triangles);
+    };
+    qelSetNumThreads(1);
+    const auto one = medians({[&] { run(Isa::sse3); }, [&] { run(Isa::avx2); }}, 1);
+    std::printf("  1 thread  (CPU time):  sse3 %7.1f  avx2 %7.1f  avx2/sse3 %.2f\n",
+                triangles / one[0] * 1e-6, triangles / one[1] * 1e-6, one[2]);
+    qelSetNumThreads(2);
+    double wall[2];
+    for (Isa isa : {Isa::sse3, Isa::avx2}) {
+        std::vector<double> t;
+        run(isa);
+        for (int r = 0; r < gRepetitions; ++r) {
+            const auto a = std::chrono::steady_clock::now();
+            run(isa);
+            t.push_back(
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count());
+        }
+        std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
+        wall[isa == Isa::avx2] = t[t.size() / 2];
     }
+    std::printf("  2 threads (wall time): sse3 %7.1f  avx2 %7.1f\n", triangles / wall[0] * 1e-6,
+                triangles / wall[1] * 1e-6);
     qelSetNumThreads(saved);
 }
 
@@ -226,13 +322,15 @@ void benchTriangleNormals() {
 
 int main(int argc, char** argv) {
     if (argc > 1) gRepetitions = std::max(1, std::atoi(argv[1]));
-    std::printf("medians of %d repetitions; ratio = memcpy time / operation time (4-wide)\n",
-                gRepetitions);
-    for (int len : {4096, 1 << 20}) {
-        qelSetNumThreads(1);
-        benchRays(len);
-        benchSurfaceNormals(len);
+    if (argc > 2) gOnly = argv[2];
+    if (!qelr::frame::isaRuns(Isa::avx2)) {
+        std::printf("this processor cannot run the AVX2 variant\n");
+        return 0;
     }
-    benchTriangleNormals();
+    std::printf("medians of %d repetitions; sse3/avx2: four-rays path, -1: one-ray path\n",
+                gRepetitions);
+    qelSetNumThreads(1);
+    for (int len : {4096, 1 << 20}) benchRays(len);
+    if (std::strstr("TriangleNormal_32f", gOnly) != nullptr) benchTriangleNormals();
     return 0;
 }

@@ -1,13 +1,11 @@
 // Triangle accelerator records and the scene box.
-#include <pmmintrin.h>
-
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
-#include <cstring>
+#include <cstdint>
 
 #include "core/impl.h"
-#include "simd/target.h"
+#include "simd/simd.h"
 
 namespace qelr::QELR_ISA::impl {
 
@@ -16,58 +14,89 @@ namespace {
 constexpr int kRecordBytes = 40;
 static_assert(sizeof(TriangleAccel) == kRecordBytes);
 
-struct Vec3d {
-    double v[3];
-};
+// Records are made four at a time on every instruction set (two registers
+// of two doubles, or one of four), each lane with the arithmetic of one
+// triangle.
+using Doubles = simd::F64<4>;
+constexpr int kRecordsPerStep = Doubles::kLanes;
 
-Vec3d fetchVertex(const float* vertices, int index) {
-    const float* p = vertices + 3 * static_cast<ptrdiff_t>(index);
-    return {{p[0], p[1], p[2]}};
-}
-
-void initRecord(TriangleAccel& rec, const Vec3d& v0, const Vec3d& v1, const Vec3d& v2) {
-    double e1[3], e2[3];
-    for (int a = 0; a < 3; ++a) {
-        e1[a] = v0.v[a] - v2.v[a];
-        e2[a] = v1.v[a] - v2.v[a];
+// Records [first, end), first + kRecordsPerStep > end allowed: lanes past the
+// end repeat the last triangle and are not stored.
+QELR_INLINE void initRecords(TriangleAccel* records, const float* vertices, const int* tris,
+                             int64_t first, int64_t end) {
+    constexpr int L = kRecordsPerStep;
+    using D = Doubles;
+    const float* corner[3][L];  // vertex k of each triangle
+    for (int l = 0; l < L; ++l) {
+        const int* idx = tris + 4 * (first + l < end ? first + l : end - 1);
+        for (int k = 0; k < 3; ++k) corner[k][l] = vertices + 3 * static_cast<ptrdiff_t>(idx[k]);
     }
-    const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2],
-                         e1[0] * e2[1] - e1[1] * e2[0]};
-
-    // Dominant axis of the normal; ties go to the lower axis.
-    int k = std::fabs(n[0]) < std::fabs(n[1]) ? 1 : 0;
-    if (std::fabs(n[2]) > std::fmax(std::fabs(n[0]), std::fabs(n[1]))) k = 2;
-
-    if (n[k] == 0.0) {  // zero normal: collinear or coincident vertices
-        std::memset(&rec, 0, sizeof rec);
-        return;
+    D vertex[3][3];  // vertex, component
+    for (int k = 0; k < 3; ++k) {
+        simd::F32<4> xyz[3];
+        loadTriples(corner[k][0], corner[k][1], corner[k][2], corner[k][3], xyz[0], xyz[1], xyz[2]);
+        for (int c = 0; c < 3; ++c) vertex[k][c] = widen(xyz[c]);
     }
-    static constexpr int kU[3] = {1, 0, 0};
-    static constexpr int kV[3] = {2, 2, 1};
-    const int u = kU[k];
-    const int v = kV[k];
-    const double s = k == 1 ? -1.0 : 1.0;  // keeps (u, v) right-handed
-    const double inv = 1.0 / n[k];
-
-    rec.pk = static_cast<float>(v2.v[k]);
-    rec.pu = static_cast<float>(v2.v[u]);
-    rec.pv = static_cast<float>(v2.v[v]);
-
-    uint32_t axes =
-        static_cast<uint32_t>(v) | static_cast<uint32_t>(u) << 2 | static_cast<uint32_t>(k) << 4;
-    if (std::fabs(n[u]) < DBL_EPSILON && std::fabs(n[v]) < DBL_EPSILON) {
-        axes |= 0x80000000u;  // plane perpendicular to axis k
-        rec.nu = 0.0f;
-        rec.nv = 0.0f;
-    } else {
-        rec.nu = static_cast<float>(n[u] * inv);
-        rec.nv = static_cast<float>(n[v] * inv);
+    D v2[3], e1[3], e2[3];
+    for (int c = 0; c < 3; ++c) {
+        v2[c] = vertex[2][c];
+        e1[c] = vertex[0][c] - v2[c];
+        e2[c] = vertex[1][c] - v2[c];
     }
-    rec.e0 = static_cast<float>(e2[u] * inv * s);
-    rec.e1 = static_cast<float>(e2[v] * inv * s);
-    rec.e2 = static_cast<float>(e1[u] * inv * s);
-    rec.e3 = static_cast<float>(e1[v] * inv * s);
-    rec.axes = axes;
+    const D n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2],
+                    e1[0] * e2[1] - e1[1] * e2[0]};
+
+    // Dominant axis k of the normal: y when |Nx| < |Ny|, then z when |Nz|
+    // exceeds the larger of the two (a NaN is not the larger); ties go to
+    // the lower axis. (u, v) are the other two axes in order.
+    const D ax = abs(n[0]), ay = abs(n[1]), az = abs(n[2]);
+    const D isZ = az > select(ay == ay, max(ax, ay), ax);
+    const D isY = andNot(isZ, ax < ay);
+    const D uIsX = isZ | isY;
+    const auto atK = [&](const D x[3]) { return select(isZ, x[2], select(isY, x[1], x[0])); };
+    const auto atU = [&](const D x[3]) { return select(uIsX, x[0], x[1]); };
+    const auto atV = [&](const D x[3]) { return select(isZ, x[1], x[2]); };
+
+    const D nk = atK(n), nu = atU(n), nv = atV(n);
+    const D s = select(isY, D(-1.0), D(1.0));  // keeps (u, v) right-handed
+    const D inv = D(1.0) / nk;
+    // Collinear or coincident vertices: the zero normal, an all-zero record.
+    const D degenerate = nk == D(0.0);
+    // Plane perpendicular to axis k: no normal on u and v.
+    const D flat = (abs(nu) < D(DBL_EPSILON)) & (abs(nv) < D(DBL_EPSILON));
+
+    const D words[10] = {D::zero(),
+                         andNot(flat, nu * inv),
+                         atK(v2),
+                         andNot(flat, nv * inv),
+                         atU(v2),
+                         atV(v2),
+                         (atU(e2) * inv) * s,
+                         (atV(e2) * inv) * s,
+                         (atU(e1) * inv) * s,
+                         (atV(e1) * inv) * s};
+    alignas(16) float out[10][L];
+    for (int w = 1; w < 10; ++w) store(out[w], narrow(andNot(degenerate, words[w])));
+
+    static constexpr uint32_t kAxes[3] = {1u << 2 | 2u, 0u << 2 | 2u | 1u << 4,
+                                          0u << 2 | 1u | 2u << 4};  // v | u << 2 | k << 4
+    const int zBits = laneBits(isZ), yBits = laneBits(isY);
+    const int flatBits = laneBits(flat), degenerateBits = laneBits(degenerate);
+    for (int l = 0; l < L && first + l < end; ++l) {
+        TriangleAccel& rec = records[first + l];
+        rec.pk = out[2][l];
+        rec.pu = out[4][l];
+        rec.pv = out[5][l];
+        rec.nu = out[1][l];
+        rec.nv = out[3][l];
+        rec.e0 = out[6][l];
+        rec.e1 = out[7][l];
+        rec.e2 = out[8][l];
+        rec.e3 = out[9][l];
+        const int k = (zBits >> l & 1) != 0 ? 2 : (yBits >> l & 1);
+        const uint32_t flag = (flatBits >> l & 1) != 0 ? 0x80000000u : 0u;
+        rec.axes = (degenerateBits >> l & 1) != 0 ? 0u : kAxes[k] | flag;
+    }
 }
 
 }  // namespace
@@ -80,10 +109,8 @@ QelStatus qelrTriangleAccelGetSize(int* outRecordSize) {
 
 QelStatus qelrTriangleAccelInit(TriangleAccel* records, const float* vertices,
                                 const int* triangleIndices, int triangleCount) {
-    for (int t = 0; t < triangleCount; ++t) {
-        const int* idx = triangleIndices + 4 * static_cast<ptrdiff_t>(t);
-        initRecord(records[t], fetchVertex(vertices, idx[0]), fetchVertex(vertices, idx[1]),
-                   fetchVertex(vertices, idx[2]));
+    for (int64_t t = 0; t < triangleCount; t += kRecordsPerStep) {
+        initRecords(records, vertices, triangleIndices, t, triangleCount);
     }
     return qelOk;
 }
@@ -91,38 +118,40 @@ QelStatus qelrTriangleAccelInit(TriangleAccel* records, const float* vertices,
 QelStatus qelrSetBoundBox_32f(const float* vertices, int vertexCount, float* box) {
     if (vertices == nullptr) return qelErrNullPointer;
 
-    // Four vertices are twelve floats: three registers whose lanes hold the
-    // components (x y z x), (y z x y), (z x y z). A comparison keeps the
-    // running value when the vertex is NaN, as the scalar tail does.
-    __m128 lo0 = _mm_set1_ps(FLT_MAX), lo1 = lo0, lo2 = lo0;
-    __m128 hi0 = _mm_set1_ps(-FLT_MAX), hi1 = hi0, hi2 = hi0;
-    const int count = vertexCount > 0 ? vertexCount : 0;
-    const int quads = count / 4;
-    const float* p = vertices;
-    for (int q = 0; q < quads; ++q, p += 12) {
-        const __m128 a = _mm_loadu_ps(p), b = _mm_loadu_ps(p + 4), c = _mm_loadu_ps(p + 8);
-        lo0 = _mm_min_ps(a, lo0);
-        lo1 = _mm_min_ps(b, lo1);
-        lo2 = _mm_min_ps(c, lo2);
-        hi0 = _mm_max_ps(a, hi0);
-        hi1 = _mm_max_ps(b, hi1);
-        hi2 = _mm_max_ps(c, hi2);
+    // Eight vertices per pass are 24 floats in 24 / L registers, lane l of
+    // register r holding component (r * L + l) % 3. The processor's min and
+    // max keep the running value when the vertex is NaN, as the comparisons
+    // of the tail do.
+    using simd::Vf;
+    constexpr int L = simd::kLanes;
+    constexpr int kRegisters = 24 / L;
+    Vf lo[kRegisters], hi[kRegisters];
+    for (int r = 0; r < kRegisters; ++r) {
+        lo[r] = Vf(FLT_MAX);
+        hi[r] = Vf(-FLT_MAX);
     }
-    alignas(16) float lo[12], hi[12];
-    _mm_store_ps(lo, lo0);
-    _mm_store_ps(lo + 4, lo1);
-    _mm_store_ps(lo + 8, lo2);
-    _mm_store_ps(hi, hi0);
-    _mm_store_ps(hi + 4, hi1);
-    _mm_store_ps(hi + 8, hi2);
+    const int count = vertexCount > 0 ? vertexCount : 0;
+    const float* p = vertices;
+    for (int pass = 0; pass < count / 8; ++pass, p += 24) {
+        for (int r = 0; r < kRegisters; ++r) {
+            const Vf a = Vf::loadu(p + r * L);
+            lo[r] = min(a, lo[r]);
+            hi[r] = max(a, hi[r]);
+        }
+    }
+    alignas(32) float los[24], his[24];
+    for (int r = 0; r < kRegisters; ++r) {
+        store(los + r * L, lo[r]);
+        store(his + r * L, hi[r]);
+    }
     float mn[3] = {FLT_MAX, FLT_MAX, FLT_MAX};
     float mx[3] = {-FLT_MAX, -FLT_MAX, -FLT_MAX};
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 24; ++i) {
         const int a = i % 3;
-        mn[a] = lo[i] < mn[a] ? lo[i] : mn[a];
-        mx[a] = hi[i] > mx[a] ? hi[i] : mx[a];
+        mn[a] = los[i] < mn[a] ? los[i] : mn[a];
+        mx[a] = his[i] > mx[a] ? his[i] : mx[a];
     }
-    for (int i = quads * 4; i < count; ++i, p += 3) {
+    for (int i = count / 8 * 8; i < count; ++i, p += 3) {
         for (int a = 0; a < 3; ++a) {
             mn[a] = p[a] < mn[a] ? p[a] : mn[a];
             mx[a] = p[a] > mx[a] ? p[a] : mx[a];

@@ -1,17 +1,20 @@
 // Hit points from distances: origin + (direction * eps) * dist, zero for rays
 // that hit nothing.
-#include <pmmintrin.h>
-
 #include <cstddef>
 #include <cstdint>
 
 #include "core/align.h"
 #include "core/impl.h"
-#include "simd/target.h"
+#include "simd/simd.h"
 
 namespace qelr::QELR_ISA::impl {
 
 namespace {
+
+using simd::F32;
+using simd::I32;
+using simd::load16;
+using simd::store16;
 
 // The origin of ray i: one shared point (kMultiOrigin false) or element i of a pack.
 template <bool kMultiOrigin>
@@ -25,11 +28,12 @@ struct Origins {
             return shared[c];
         }
     }
-    __m128 at4(int c, int i) const {
+    template <class F>
+    F lanes(int c, int i) const {
         if constexpr (kMultiOrigin) {
-            return _mm_load_ps(pack[c] + i);
+            return load16<F>(pack[c] + i);
         } else {
-            return _mm_set1_ps(shared[c]);
+            return F(shared[c]);
         }
     }
 };
@@ -49,40 +53,47 @@ void hitPointsScalar(const Origins<kMultiOrigin>& o, const float* const dirs[3],
     }
 }
 
-// Four rays at a time: (direction * dist) * eps + origin, lanes with a negative
-// mask cleared; a group without any ray to process does not read dist.
-template <bool kMultiOrigin>
-void hitPointsVector(const Origins<kMultiOrigin>& o, const float* const dirs[3], const float* dist,
-                     const int* mask, float* const points[3], int len, float eps) {
-    const __m128 e = _mm_set1_ps(eps);
-    for (int i = 0; i < len; i += 4) {
-        const __m128 missed = _mm_castsi128_ps(
-            _mm_srai_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(mask + i)), 31));
-        if (_mm_movemask_ps(missed) == 15) {
-            for (int c = 0; c < 3; ++c) _mm_store_ps(points[c] + i, _mm_setzero_ps());
-            continue;
-        }
-        const __m128 t = _mm_load_ps(dist + i);
-        __m128 p[3];
-        for (int c = 0; c < 3; ++c) {
-            const __m128 scaled = _mm_mul_ps(_mm_mul_ps(_mm_load_ps(dirs[c] + i), t), e);
-            p[c] = _mm_andnot_ps(missed, _mm_add_ps(scaled, o.at4(c, i)));
-        }
-        for (int c = 0; c < 3; ++c) _mm_store_ps(points[c] + i, p[c]);
+// Rays i to i + lanes - 1 of the vector path: (direction * dist) * eps +
+// origin, lanes with a negative mask cleared; a group of four rays without
+// any ray to process writes zeros and does not read dist.
+template <class F, bool kMultiOrigin>
+void hitPointsLanes(const Origins<kMultiOrigin>& o, const float* const dirs[3], const float* dist,
+                    const int* mask, float* const points[3], int i, float eps) {
+    using I = I32<F::kLanes>;
+    const F missed = asFloat(simd::shiftRightArith<31>(load16<I>(mask + i)));
+    if (allLanes(missed)) {
+        for (int c = 0; c < 3; ++c) store16(points[c] + i, F::zero());
+        return;
     }
+    if constexpr (F::kLanes > 4) {
+        const int bits = laneBits(missed);
+        if ((bits & 15) == 15 || (bits >> 4 & 15) == 15) {
+            for (int g = 0; g < F::kLanes; g += 4) {
+                hitPointsLanes<F32<4>>(o, dirs, dist, mask, points, i + g, eps);
+            }
+            return;
+        }
+    }
+    const F t = load16<F>(dist + i);
+    F p[3];
+    for (int c = 0; c < 3; ++c) {
+        const F scaled = (load16<F>(dirs[c] + i) * t) * F(eps);
+        p[c] = andNot(missed, scaled + o.template lanes<F>(c, i));
+    }
+    for (int c = 0; c < 3; ++c) store16(points[c] + i, p[c]);
 }
 
 template <bool kMultiOrigin>
 QelStatus hitPoints(const Origins<kMultiOrigin>& o, const float* const dirs[3], const float* dist,
                     const int* mask, float* const points[3], int len, float eps) {
     if (len < 1) return qelOk;
-    bool vector = len % 4 == 0 && core::aligned16(dist) && core::aligned16(mask);
-    for (int c = 0; c < 3; ++c) {
-        vector = vector && core::aligned16(dirs[c]) && core::aligned16(points[c]);
-        if constexpr (kMultiOrigin) vector = vector && core::aligned16(o.pack[c]);
-    }
+    bool vector = len % 4 == 0 && core::allAligned16(dist, mask) && core::planesAligned16(dirs) &&
+                  core::planesAligned16(points);
+    if constexpr (kMultiOrigin) vector = vector && core::planesAligned16(o.pack);
     if (vector) {
-        hitPointsVector(o, dirs, dist, mask, points, len, eps);
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            hitPointsLanes<decltype(lanes)>(o, dirs, dist, mask, points, i, eps);
+        });
     } else {
         hitPointsScalar(o, dirs, dist, mask, points, len, eps);
     }

@@ -1,59 +1,68 @@
 // Per-ray shading operations on ray packs: dot products, facing normals,
 // light attenuation, shadow and reflection rays, masked multiply and divide,
-// and colour accumulation. Each has a one-ray path and a four-rays path for
-// whole groups of four on 16-byte aligned planes.
-#include <pmmintrin.h>
-
+// and colour accumulation. Each has a one-ray path and a vector path for
+// whole groups of four rays on 16-byte aligned planes; the vector path runs
+// at the native width with a group of four to finish, and every lane does
+// the one-ray arithmetic, in the same order.
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 
+#include "core/align.h"
 #include "core/impl.h"
-#include "shading/simd.h"
-#include "simd/target.h"
+#include "simd/simd.h"
 
 namespace qelr::QELR_ISA::impl {
 
 namespace {
 
-using shading::absLanes;
-using shading::activeLanes;
-using shading::allAligned16;
-using shading::planesAligned16;
-using shading::select;
-using shading::wholeGroups;
+using core::allAligned16;
+using core::planesAligned16;
+using simd::F32;
+using simd::I32;
+using simd::load16;
+using simd::store16;
 
 // Below this |cos| (one tenth of a degree in radians) a light grazes the
 // surface and is treated as lying in its plane.
 constexpr float kGrazingLimit = 0.0017453292f;
 
-float floatFromBits(uint32_t bits) {
-    float f;
-    std::memcpy(&f, &bits, sizeof f);
-    return f;
+// Results of a division by zero.
+constexpr uint32_t kPlusInf = 0x7F800000u;
+constexpr uint32_t kMinusInf = 0xFF800000u;
+constexpr uint32_t kNegativeNaN = 0xFFC00000u;
+
+// Runs longer than this stream their planes from memory rather than from
+// the caches.
+constexpr int kStreamingRays = 1 << 19;
+
+// The vector path runs on whole groups of four rays.
+bool wholeGroups(int len) { return len % 4 == 0; }
+
+template <class F>
+using IntLanes = I32<F::kLanes>;
+
+// All-ones lanes where mask[i] >= 0 (the ray is processed).
+template <class F>
+F processed(const int* mask) {
+    return asFloat(load16<IntLanes<F>>(mask) > IntLanes<F>(-1));
 }
 
-const float kPlusInf = floatFromBits(0x7F800000u);
-const float kMinusInf = floatFromBits(0xFF800000u);
-const float kNegativeNaN = floatFromBits(0xFFC00000u);
-
-__m128 load(const float* p) { return _mm_load_ps(p); }
-void store(float* p, __m128 v) { _mm_store_ps(p, v); }
-
-__m128 dot3(const __m128 a[3], const __m128 b[3]) {
-    return _mm_add_ps(_mm_add_ps(_mm_mul_ps(a[0], b[0]), _mm_mul_ps(a[1], b[1])),
-                      _mm_mul_ps(a[2], b[2]));
+template <class F>
+void loadPack(const float* const planes[3], int i, F out[3]) {
+    for (int c = 0; c < 3; ++c) out[c] = load16<F>(planes[c] + i);
 }
 
-void loadPack(const float* const planes[3], int i, __m128 out[3]) {
-    for (int c = 0; c < 3; ++c) out[c] = load(planes[c] + i);
+// (a.x * b.x + a.y * b.y) + a.z * b.z, as the one-ray path sums.
+template <class F>
+F dot3(const F a[3], const F b[3]) {
+    return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
 }
 
 // Result of the division of x by a zero divisor.
 float divideByZero(float x) {
-    if (x > 0.0f) return kPlusInf;
-    if (x < 0.0f) return kMinusInf;
-    return kNegativeNaN;  // x is zero or NaN
+    if (x > 0.0f) return simd::floatFromBits(kPlusInf);
+    if (x < 0.0f) return simd::floatFromBits(kMinusInf);
+    return simd::floatFromBits(kNegativeNaN);  // x is zero or NaN
 }
 
 }  // namespace
@@ -65,11 +74,19 @@ QelStatus qelrDot_32f_P3C1M(const float* const a[3], const float* const b[3], co
     }
     if (len < 1) return qelOk;
     if (wholeGroups(len) && planesAligned16(a) && planesAligned16(b) && allAligned16(mask, dst)) {
-        for (int i = 0; i < len; i += 4) {
-            __m128 va[3], vb[3];
+        const auto step = [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            F va[3], vb[3];
             loadPack(a, i, va);
             loadPack(b, i, vb);
-            store(dst + i, _mm_and_ps(activeLanes(mask + i), dot3(va, vb)));
+            store16(dst + i, processed<F>(mask + i) & dot3(va, vb));
+        };
+        // Eight planes read for almost no arithmetic: when they stream from
+        // memory, four-lane loads keep up better than eight-lane ones.
+        if (len > kStreamingRays) {
+            for (int i = 0; i < len; i += 4) step(F32<4>::zero(), i);
+        } else {
+            simd::forGroupsOfFour(len, step);
         }
         return qelOk;
     }
@@ -87,20 +104,17 @@ QelStatus qelrDotChangeNorm_32f_IM(const float* const a[3], const int* mask,
     if (len < 1) return qelOk;
     if (wholeGroups(len) && planesAligned16(a) && planesAligned16(normals) &&
         allAligned16(mask, dst)) {
-        const __m128 plusOne = _mm_set1_ps(1.0f);
-        const __m128 minusOne = _mm_set1_ps(-1.0f);
-        for (int i = 0; i < len; i += 4) {
-            __m128 va[3], vn[3];
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            F va[3], vn[3];
             loadPack(a, i, va);
             loadPack(normals, i, vn);
-            const __m128 active = activeLanes(mask + i);
-            const __m128 p = dot3(va, vn);
-            const __m128 s = select(_mm_cmpgt_ps(p, _mm_setzero_ps()), minusOne, plusOne);
-            for (int c = 0; c < 3; ++c) {
-                store(normals[c] + i, select(active, _mm_mul_ps(vn[c], s), vn[c]));
-            }
-            store(dst + i, _mm_and_ps(active, _mm_mul_ps(p, s)));
-        }
+            const F active = processed<F>(mask + i);
+            const F p = dot3(va, vn);
+            const F s = select(p > F(0.0f), F(-1.0f), F(1.0f));
+            for (int c = 0; c < 3; ++c) store16(normals[c] + i, select(active, vn[c] * s, vn[c]));
+            store16(dst + i, active & (p * s));
+        });
         return qelOk;
     }
     for (int i = 0; i < len; ++i) {
@@ -121,17 +135,17 @@ QelStatus qelrDistAttenuationSO_32f_M(const float light[3], const float* const p
     if (points == nullptr || mask == nullptr || dst == nullptr) return qelErrNullPointer;
     if (len < 1) return qelOk;
     if (wholeGroups(len) && planesAligned16(points) && allAligned16(mask, dst)) {
-        const __m128 one = _mm_set1_ps(1.0f);
-        __m128 l[3];
-        for (int c = 0; c < 3; ++c) l[c] = _mm_set1_ps(light[c]);
-        for (int i = 0; i < len; i += 4) {
-            __m128 d[3];
+        const float l[3] = {light[0], light[1], light[2]};
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            F d[3];
             loadPack(points, i, d);
-            for (int c = 0; c < 3; ++c) d[c] = _mm_sub_ps(d[c], l[c]);
-            const __m128 q = dot3(d, d);
-            const __m128 atten = select(_mm_cmpge_ps(q, one), _mm_sqrt_ps(q), one);
-            store(dst + i, select(activeLanes(mask + i), atten, one));
-        }
+            for (int c = 0; c < 3; ++c) d[c] = d[c] - F(l[c]);
+            const F q = dot3(d, d);
+            const F one(1.0f);
+            const F atten = select(q >= one, sqrt(q), one);
+            store16(dst + i, select(processed<F>(mask + i), atten, one));
+        });
         return qelOk;
     }
     for (int i = 0; i < len; ++i) {
@@ -158,28 +172,24 @@ QelStatus qelrCastShadowSO_32f(const float light[3], const float* sign,
     if (len < 1) return qelOk;
     if (wholeGroups(len) && planesAligned16(normals) && planesAligned16(points) &&
         planesAligned16(shadowDirs) && allAligned16(sign, mask, cosine)) {
-        const __m128 limit = _mm_set1_ps(kGrazingLimit);
-        __m128 l[3];
-        for (int c = 0; c < 3; ++c) l[c] = _mm_set1_ps(light[c]);
-        for (int i = 0; i < len; i += 4) {
-            __m128 v[3], n[3];
+        const float l[3] = {light[0], light[1], light[2]};
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            using I = IntLanes<F>;
+            F v[3], n[3];
             loadPack(points, i, v);
             loadPack(normals, i, n);
-            for (int c = 0; c < 3; ++c) v[c] = _mm_sub_ps(v[c], l[c]);
-            __m128 p = dot3(v, n);
-            p = _mm_andnot_ps(_mm_cmplt_ps(absLanes(p), limit), p);
-            const __m128 lit =
-                _mm_and_ps(activeLanes(mask + i),
-                           _mm_cmpgt_ps(_mm_mul_ps(load(sign + i), p), _mm_setzero_ps()));
-            store(cosine + i, _mm_and_ps(lit, absLanes(p)));
-            for (int c = 0; c < 3; ++c) store(shadowDirs[c] + i, _mm_and_ps(lit, v[c]));
+            for (int c = 0; c < 3; ++c) v[c] = v[c] - F(l[c]);
+            F p = dot3(v, n);
+            p = andNot(abs(p) < F(kGrazingLimit), p);
+            const I m = load16<I>(mask + i);
+            const F lit = asFloat(m > I(-1)) & (load16<F>(sign + i) * p > F(0.0f));
+            store16(cosine + i, lit & abs(p));
+            for (int c = 0; c < 3; ++c) store16(shadowDirs[c] + i, lit & v[c]);
             // Every lane that is not lit leaves with -1, an input of -1 or any
             // other negative value alike.
-            __m128i* m = reinterpret_cast<__m128i*>(mask + i);
-            const __m128i litBits = _mm_castps_si128(lit);
-            _mm_store_si128(m, _mm_or_si128(_mm_and_si128(litBits, _mm_load_si128(m)),
-                                            _mm_andnot_si128(litBits, _mm_set1_epi32(-1))));
-        }
+            store16(mask + i, select(asInt(lit), m, I(-1)));
+        });
         return qelOk;
     }
     for (int i = 0; i < len; ++i) {
@@ -213,19 +223,16 @@ QelStatus qelrCastReflectionRay_32f(const float* const incident[3], const int* m
     if (len < 1) return qelOk;
     if (wholeGroups(len) && planesAligned16(incident) && planesAligned16(normals) &&
         planesAligned16(reflected) && allAligned16(mask)) {
-        for (int i = 0; i < len; i += 4) {
-            __m128 d[3], n[3];
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            F d[3], n[3];
             loadPack(incident, i, d);
             loadPack(normals, i, n);
-            const __m128 active = activeLanes(mask + i);
-            const __m128 p = _mm_add_ps(_mm_add_ps(_mm_mul_ps(n[1], d[1]), _mm_mul_ps(n[2], d[2])),
-                                        _mm_mul_ps(n[0], d[0]));
-            const __m128 twice = _mm_add_ps(p, p);
-            for (int c = 0; c < 3; ++c) {
-                store(reflected[c] + i,
-                      _mm_and_ps(active, _mm_sub_ps(d[c], _mm_mul_ps(n[c], twice))));
-            }
-        }
+            const F active = processed<F>(mask + i);
+            const F p = (n[1] * d[1] + n[2] * d[2]) + n[0] * d[0];
+            const F twice = p + p;
+            for (int c = 0; c < 3; ++c) store16(reflected[c] + i, active & (d[c] - n[c] * twice));
+        });
         return qelOk;
     }
     for (int i = 0; i < len; ++i) {
@@ -250,11 +257,11 @@ namespace {
 // so an infinite or NaN operand there gives NaN.
 void mulMasked(const float* src, const int* mask, float* srcDst, int len, bool vector) {
     if (vector) {
-        const __m128 one = _mm_set1_ps(1.0f);
-        for (int i = 0; i < len; i += 4) {
-            const __m128 factor = _mm_and_ps(activeLanes(mask + i), one);
-            store(srcDst + i, _mm_mul_ps(_mm_mul_ps(load(srcDst + i), load(src + i)), factor));
-        }
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            const F factor = processed<F>(mask + i) & F(1.0f);
+            store16(srcDst + i, (load16<F>(srcDst + i) * load16<F>(src + i)) * factor);
+        });
         return;
     }
     for (int i = 0; i < len; ++i) {
@@ -284,22 +291,20 @@ QelStatus qelrDiv_32f_C1IM(const float* src, const int* mask, float* srcDst, int
     if (len < 1) return qelOk;
     bool dividedByZero = false;
     if (wholeGroups(len) && allAligned16(src, mask, srcDst)) {
-        const __m128 zero = _mm_setzero_ps();
-        const __m128 plusInf = _mm_set1_ps(kPlusInf);
-        const __m128 minusInf = _mm_set1_ps(kMinusInf);
-        const __m128 negativeNaN = _mm_set1_ps(kNegativeNaN);
         int zeroLanes = 0;
-        for (int i = 0; i < len; i += 4) {
-            const __m128 active = activeLanes(mask + i);
-            const __m128 x = load(srcDst + i);
-            const __m128 divisor = load(src + i);
-            const __m128 byZero = _mm_and_ps(active, _mm_cmpeq_ps(divisor, zero));
-            const __m128 special = select(_mm_cmpgt_ps(x, zero), plusInf,
-                                          select(_mm_cmplt_ps(x, zero), minusInf, negativeNaN));
-            const __m128 q = select(byZero, special, _mm_div_ps(x, divisor));
-            store(srcDst + i, _mm_and_ps(active, q));
-            zeroLanes |= _mm_movemask_ps(byZero);
-        }
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            const F zero = F::zero();
+            const F active = processed<F>(mask + i);
+            const F x = load16<F>(srcDst + i);
+            const F divisor = load16<F>(src + i);
+            const F byZero = active & (divisor == zero);
+            const F special = select(x > zero, F(simd::floatFromBits(kPlusInf)),
+                                     select(x < zero, F(simd::floatFromBits(kMinusInf)),
+                                            F(simd::floatFromBits(kNegativeNaN))));
+            store16(srcDst + i, active & select(byZero, special, x / divisor));
+            zeroLanes |= laneBits(byZero);
+        });
         dividedByZero = zeroLanes != 0;
     } else {
         for (int i = 0; i < len; ++i) {
@@ -325,18 +330,17 @@ QelStatus qelrAddMulMul_32f_AC1P3IM(const float colour[3], const float* scale,
     if (len < 1) return qelOk;
     if (wholeGroups(len) && planesAligned16(src) && planesAligned16(srcDst) &&
         allAligned16(scale, mask)) {
-        __m128 col[3];
-        for (int c = 0; c < 3; ++c) col[c] = _mm_set1_ps(colour[c]);
-        for (int i = 0; i < len; i += 4) {
-            const __m128 active = activeLanes(mask + i);
-            const __m128 s = load(scale + i);
+        const float col[3] = {colour[0], colour[1], colour[2]};
+        simd::forGroupsOfFour(len, [&](auto lanes, int i) {
+            using F = decltype(lanes);
+            const F active = processed<F>(mask + i);
+            const F s = load16<F>(scale + i);
             for (int c = 0; c < 3; ++c) {
-                const __m128 acc = load(srcDst[c] + i);
-                const __m128 sum =
-                    _mm_add_ps(acc, _mm_mul_ps(_mm_mul_ps(col[c], load(src[c] + i)), s));
-                store(srcDst[c] + i, select(active, sum, acc));
+                const F acc = load16<F>(srcDst[c] + i);
+                const F sum = acc + (F(col[c]) * load16<F>(src[c] + i)) * s;
+                store16(srcDst[c] + i, select(active, sum, acc));
             }
-        }
+        });
         return qelOk;
     }
     for (int i = 0; i < len; ++i) {

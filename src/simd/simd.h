@@ -333,6 +333,41 @@ QELR_INLINE F32<8> gather(const float* base, I32<8> index) {
 }
 #endif
 
+// ---------------------------------------------------------------------------
+// Planes known to start on 16-byte boundaries (and no more)
+
+// Loads and stores of V at such an address: the aligned instruction when V
+// is 16 bytes wide, the unaligned one when it is wider.
+template <class V, class T>
+QELR_INLINE V load16(const T* p) {
+    if constexpr (V::kLanes * sizeof(T) <= 16) {
+        return V::load(p);
+    } else {
+        return V::loadu(p);
+    }
+}
+template <class V, class T>
+QELR_INLINE void store16(T* p, V a) {
+    if constexpr (V::kLanes * sizeof(T) <= 16) {
+        store(p, a);
+    } else {
+        storeu(p, a);
+    }
+}
+
+// Runs f(lanes, i) over the groups of a run of `len` elements, len a multiple
+// of four: groups of the native width, then one group of four when four
+// elements remain. `lanes` is a value of the group's float vector type (Vf
+// or F32<4>), to be read with decltype; i is the group's first element.
+template <class F>
+QELR_INLINE void forGroupsOfFour(int len, F&& f) {
+    int i = 0;
+    if constexpr (kLanes > 4) {
+        for (; i <= len - kLanes; i += kLanes) f(Vf::zero(), i);
+    }
+    for (; i < len; i += 4) f(F32<4>::zero(), i);
+}
+
 // Orders the non-temporal stores before any later store.
 QELR_INLINE void streamFence() { _mm_sfence(); }
 
@@ -347,6 +382,11 @@ QELR_INLINE int32_t truncToInt32(double v) { return _mm_cvttsd_si32(_mm_set_sd(v
 // range and NaN give INT32_MIN.
 QELR_INLINE int32_t roundToInt32(float v) { return _mm_cvtss_si32(_mm_set_ss(v)); }
 QELR_INLINE int32_t roundToInt32(double v) { return _mm_cvtsd_si32(_mm_set_sd(v)); }
+
+// The low 32 bits of the product, as the lanes of mulWrap give them.
+QELR_INLINE int32_t mulWrap(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
 
 // The one-lane forms of the refined approximations above.
 QELR_INLINE float reciprocalRefined(float x) {

@@ -124,6 +124,17 @@ QELR_INLINE F32<4> oddLanes(F32<4> a, F32<4> b) {
     return F32<4>(_mm_shuffle_ps(a.v, b.v, _MM_SHUFFLE(3, 1, 3, 1)));
 }
 
+// Three consecutive floats at each of four addresses, as three vectors of
+// their first, second and third floats: x = (p0[0], p1[0], p2[0], p3[0]),
+// y and z likewise. Exactly three floats are read at each address.
+QELR_INLINE void loadTriples(const float* p0, const float* p1, const float* p2, const float* p3,
+                             F32<4>& x, F32<4>& y, F32<4>& z) {
+    const F32<4> a = loadTwoPairs(p0, p1), b = loadTwoPairs(p2, p3);
+    x = evenLanes(a, b);
+    y = oddLanes(a, b);
+    z = F32<4>::of(p0[2], p1[2], p2[2], p3[2]);
+}
+
 // ---------------------------------------------------------------------------
 // Four 32-bit integers
 

@@ -184,6 +184,11 @@ void checkIntLanes() {
     expectLanes<V>(
         "mulWrap", s, [](V a, V b) { return mulWrap(a, b); },
         [](int32_t a, int32_t b) { return int32_t(U(a) * U(b)); });
+    // The one-lane form: 3 * 0x55555556 = 2^32 + 2, 2^16 * 2^16 = 2^32.
+    EXPECT_EQ(mulWrap(3, 0x55555556), 2);
+    EXPECT_EQ(mulWrap(65536, 65536), 0);
+    EXPECT_EQ(mulWrap(-1, std::numeric_limits<int32_t>::min()),
+              std::numeric_limits<int32_t>::min());
     expectLanes<V>(
         "min", s, [](V a, V b) { return min(a, b); },
         [](int32_t a, int32_t b) { return std::min(a, b); });
@@ -317,6 +322,11 @@ void checkConversions() {
     for (int l = 0; l < N; ++l) EXPECT_EQ(f[l], table[idx[l]]);
     store(f, F::ramp());
     for (int l = 0; l < N; ++l) EXPECT_EQ(f[l], float(l));
+    // 16-byte aligned loads and stores at an address that is not 32-byte aligned.
+    alignas(64) float buf[3 * N];
+    for (int l = 0; l < 3 * N; ++l) buf[l] = float(l);
+    store16(buf + 4 + N, load16<F>(buf + 4));
+    for (int l = 0; l < N; ++l) EXPECT_EQ(buf[4 + N + l], float(4 + l));
 }
 
 class Simd : public ::testing::Test {
@@ -397,6 +407,31 @@ TEST_F(Simd, FourLaneReductionsAndShufflesHaveOneOrder) {
             for (int j = 0; j < 4; ++j) EXPECT_EQ(wide[4 * h + j], 8.0f * j + 4 * h + k);
     }
 #endif
+    // Triples from four addresses, the last one ending the array.
+    const float t[12] = {0, 1, 2, 10, 11, 12, 20, 21, 22, 30, 31, 32};
+    F32<4> xyz[3];
+    loadTriples(t + 9, t + 3, t, t + 6, xyz[0], xyz[1], xyz[2]);
+    const int row[4] = {3, 1, 0, 2};
+    for (int c = 0; c < 3; ++c) {
+        store(out, xyz[c]);
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(out[k], 10.0f * row[k] + c);
+    }
+}
+
+TEST_F(Simd, GroupsOfFourCoverTheRunOnceNativeWidthFirst) {
+    for (int len : {4, 8, 12, 20}) {
+        std::vector<int> seen(len, 0);
+        int next = 0;
+        forGroupsOfFour(len, [&](auto lanes, int i) {
+            constexpr int n = decltype(lanes)::kLanes;
+            EXPECT_EQ(i, next);
+            EXPECT_TRUE(n == kLanes || (n == 4 && len - i == 4));
+            for (int k = i; k < i + n; ++k) ++seen[k];
+            next = i + n;
+        });
+        EXPECT_EQ(next, len);
+        EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), len);
+    }
 }
 
 }  // namespace
