@@ -1,128 +1,127 @@
 // Evaluation of the real spherical-harmonic basis for packs of directions.
 //
-// Directions are taken four at a time into SSE registers; the kernels write
-// the four directions' coefficients coefficient-major into a scratch block,
-// which is then transposed into the caller's direction-major output. The
-// remaining one to three directions take the scalar instantiation of the same
-// kernel, which performs the same operations and so gives the same bits.
+// Directions are taken a vector at a time (four lanes on SSE3, eight on
+// AVX2); the kernels write the directions' coefficients coefficient-major into
+// a scratch block, which is then transposed into the caller's direction-major
+// output. Every lane performs the same IEEE operations, so a direction gets
+// the same bits at either width and in any position of the pack.
+// NaN inputs are canonicalised first (see simd::canonicalNaN), so a NaN
+// direction also gives the same bits on every path.
 #include "sh/sh_basis.h"
-
-#include <pmmintrin.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/align.h"
 #include "core/impl.h"
 #include "sh/sh_engine.h"
+#include "simd/simd.h"
 #include "simd/target.h"
 
 namespace qelr::QELR_ISA::sh {
 
 namespace {
 
-// Writes `count` coefficients of four directions, held coefficient-major in
-// soa (4 floats per coefficient), to dst, dst + stride, dst + 2 stride and
-// dst + 3 stride. With Stream, the stores are non-temporal and dst and
+using simd::F32;
+using simd::Vf;
+
+// Writes a row of four floats; with Stream, non-temporally (16-byte aligned).
+template <bool Stream>
+QELR_INLINE void putRow(float* p, F32<4> r) {
+    if constexpr (Stream) {
+        simd::stream(p, r);
+    } else {
+        simd::storeu(p, r);
+    }
+}
+
+// Writes `count` coefficients of the Vf::kLanes directions held
+// coefficient-major in soa (one vector per coefficient) to dst, dst + stride,
+// dst + 2 stride, ... With Stream, the stores are non-temporal and dst and
 // stride must keep every group of four coefficients 16-byte aligned.
 template <bool Stream = false>
 void transposeOut(const float* soa, int count, float* dst, ptrdiff_t stride) {
+    constexpr int N = Vf::kLanes;
     int k = 0;
     for (; k + 4 <= count; k += 4) {
-        __m128 r0 = _mm_load_ps(soa + 4 * k);
-        __m128 r1 = _mm_load_ps(soa + 4 * k + 4);
-        __m128 r2 = _mm_load_ps(soa + 4 * k + 8);
-        __m128 r3 = _mm_load_ps(soa + 4 * k + 12);
-        _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-        if constexpr (Stream) {
-            _mm_stream_ps(dst + k, r0);
-            _mm_stream_ps(dst + stride + k, r1);
-            _mm_stream_ps(dst + 2 * stride + k, r2);
-            _mm_stream_ps(dst + 3 * stride + k, r3);
-        } else {
-            _mm_storeu_ps(dst + k, r0);
-            _mm_storeu_ps(dst + stride + k, r1);
-            _mm_storeu_ps(dst + 2 * stride + k, r2);
-            _mm_storeu_ps(dst + 3 * stride + k, r3);
+        Vf r[4] = {Vf::load(soa + N * k), Vf::load(soa + N * (k + 1)),
+                   Vf::load(soa + N * (k + 2)), Vf::load(soa + N * (k + 3))};
+        // Each block of four lanes is transposed on its own: row j then holds
+        // coefficients k..k+3 of direction j (and of direction j + 4).
+        simd::transpose(r[0], r[1], r[2], r[3]);
+        for (int j = 0; j < 4; ++j) {
+#if QELR_SIMD_LANES == 8
+            putRow<Stream>(dst + j * stride + k, simd::lowHalf(r[j]));
+            putRow<Stream>(dst + (j + 4) * stride + k, simd::highHalf(r[j]));
+#else
+            putRow<Stream>(dst + j * stride + k, r[j]);
+#endif
         }
     }
     for (; k < count; ++k) {
-        for (int j = 0; j < 4; ++j) dst[j * stride + k] = soa[4 * k + j];
+        for (int j = 0; j < N; ++j) dst[j * stride + k] = soa[N * k + j];
     }
 }
 
 // Copies len floats with non-temporal stores for the 16-byte aligned part.
 void streamCopy(const float* src, float* dst, int len) {
     int k = 0;
-    for (; k < len && (reinterpret_cast<uintptr_t>(dst + k) & 15) != 0; ++k) dst[k] = src[k];
-    for (; k + 4 <= len; k += 4) _mm_stream_ps(dst + k, _mm_loadu_ps(src + k));
+    for (; k < len && !core::aligned16(dst + k); ++k) dst[k] = src[k];
+    for (; k + 4 <= len; k += 4) simd::stream(dst + k, F32<4>::loadu(src + k));
     for (; k < len; ++k) dst[k] = src[k];
 }
 
-// Runs kernel(x, y, z, out) over n > 0 directions whose outputs are `count`
-// floats apart: packs of four with Float4 components, then single directions
-// with float components.
+// Runs kernel(x, y, z, out) over n > 0 directions, Vf::kLanes at a time,
+// and writes their `count` coefficients each to dst, direction-major.
 template <class Kernel>
 void forEachDirection(const float* pX, const float* pY, const float* pZ, int n, float* dst,
                       int count, Kernel kernel) {
-    alignas(16) float soa[4 * kMaxCoeffs];
-    alignas(16) float aos[4 * kMaxCoeffs];
+    constexpr int N = Vf::kLanes;
+    alignas(32) float soa[N * kMaxCoeffs];
+    alignas(32) float aos[N * kMaxCoeffs];
     const bool streaming = size_t(n) * size_t(count) * sizeof(float) >= kStreamingBytes;
     int i = 0;
-    for (; i + 4 <= n; i += 4) {
-        kernel(Float4(_mm_loadu_ps(pX + i)), Float4(_mm_loadu_ps(pY + i)),
-               Float4(_mm_loadu_ps(pZ + i)), soa);
+    for (; i + N <= n; i += N) {
+        kernel(simd::canonicalNaN(Vf::loadu(pX + i)), simd::canonicalNaN(Vf::loadu(pY + i)),
+               simd::canonicalNaN(Vf::loadu(pZ + i)), soa);
         float* out = dst + static_cast<ptrdiff_t>(i) * count;
         if (streaming && count % 4 == 0 && core::aligned16(out)) {
             transposeOut<true>(soa, count, out, count);
         } else if (streaming) {
             transposeOut(soa, count, aos, count);
-            streamCopy(aos, out, 4 * count);
+            streamCopy(aos, out, N * count);
         } else {
             transposeOut(soa, count, out, count);
         }
     }
-    if (streaming) _mm_sfence();
-    for (; i < n; ++i) kernel(pX[i], pY[i], pZ[i], dst + static_cast<ptrdiff_t>(i) * count);
-}
-
-void runDirect(const float* pX, const float* pY, const float* pZ, int n, float* dst,
-               uint32_t order) {
-    const int count = static_cast<int>((order + 1) * (order + 1));
-    forEachDirection(pX, pY, pZ, n, dst, count, [order](auto x, auto y, auto z, float* out) {
-        evalDirect(widen(x), widen(y), widen(z), order, out);
-    });
-}
-
-void runRecurrence(const float* pX, const float* pY, const float* pZ, int n, float* dst,
-                   uint32_t order, const QelSHEngine* engine) {
-    const int count = static_cast<int>((order + 1) * (order + 1));
-    const float* a = tableA(engine);
-    const float* b = tableB(engine);
-    // The tables of the bands in use with every entry broadcast to four lanes.
-    const uint32_t entries = (order + 1) * (order + 2) / 2;
-    alignas(16) float a4[4 * kMaxTableEntries];
-    alignas(16) float b4[4 * kMaxTableEntries];
-    for (uint32_t k = 0; k < entries; ++k) {
-        _mm_store_ps(a4 + 4 * k, _mm_set1_ps(a[k]));
-        _mm_store_ps(b4 + 4 * k, _mm_set1_ps(b[k]));
-    }
-    forEachDirection(pX, pY, pZ, n, dst, count, [&](auto x, auto y, auto z, float* out) {
-        if constexpr (kLanes<decltype(x)> == 4) {
-            evalRecurrence(x, y, z, order, a4, b4, out);
-        } else {
-            evalRecurrence(x, y, z, order, a, b, out);
+    if (streaming) simd::streamFence();
+    if (i < n) {
+        // The last directions fill a vector, padded with copies of the last
+        // one, so that every direction takes the same instructions.
+        const int rest = n - i;
+        alignas(32) float tail[3][N];
+        for (int j = 0; j < N; ++j) {
+            const int k = i + (j < rest ? j : rest - 1);
+            tail[0][j] = pX[k];
+            tail[1][j] = pY[k];
+            tail[2][j] = pZ[k];
         }
-    });
+        kernel(simd::canonicalNaN(Vf::load(tail[0])), simd::canonicalNaN(Vf::load(tail[1])),
+               simd::canonicalNaN(Vf::load(tail[2])), soa);
+        transposeOut(soa, count, aos, count);
+        std::memcpy(dst + static_cast<ptrdiff_t>(i) * count, aos,
+                    sizeof(float) * static_cast<size_t>(rest) * static_cast<size_t>(count));
+    }
 }
 
 template <int Band>
 void runBand(const float* pX, const float* pY, const float* pZ, int n, float* dst) {
     forEachDirection(pX, pY, pZ, n, dst, 2 * Band + 1, [](auto x, auto y, auto z, float* out) {
-        using V = decltype(widen(x));
+        using V = decltype(simd::widen(x));
         DirectTerms<V> t;
-        makeTerms(widen(x), widen(y), widen(z), Band, t);
+        makeTerms(simd::widen(x), simd::widen(y), simd::widen(z), Band, t);
         directBand<Band>(t, out);
     });
 }
@@ -136,12 +135,32 @@ constexpr auto kBandRunners = []<int... B>(std::integer_sequence<int, B...>) {
 
 }  // namespace
 
-void evaluateOne(float x, float y, float z, uint32_t order, const QelSHEngine* engine, float* out) {
-    if (engineAlgorithm(engine) == qelSHDirect) {
-        evalDirect(widen(x), widen(y), widen(z), order, out);
-    } else {
-        evalRecurrence(x, y, z, order, tableA(engine), tableB(engine), out);
+BasisEvaluator::BasisEvaluator(const QelSHEngine* engine, uint32_t order)
+    : order_(order), direct_(engineAlgorithm(engine) == qelSHDirect) {
+    if (direct_) return;
+    // The tables of the bands in use with every entry broadcast to a vector.
+    const float* a = tableA(engine);
+    const float* b = tableB(engine);
+    const uint32_t entries = (order + 1) * (order + 2) / 2;
+    for (uint32_t k = 0; k < entries; ++k) {
+        simd::store(aN_ + Vf::kLanes * k, Vf(a[k]));
+        simd::store(bN_ + Vf::kLanes * k, Vf(b[k]));
     }
+}
+
+void BasisEvaluator::operator()(const float* pX, const float* pY, const float* pZ, int n,
+                                float* dst) const {
+    const uint32_t order = order_;
+    const int count = static_cast<int>((order + 1) * (order + 1));
+    if (direct_) {
+        forEachDirection(pX, pY, pZ, n, dst, count, [order](auto x, auto y, auto z, float* out) {
+            evalDirect(simd::widen(x), simd::widen(y), simd::widen(z), order, out);
+        });
+        return;
+    }
+    forEachDirection(pX, pY, pZ, n, dst, count, [this, order](Vf x, Vf y, Vf z, float* out) {
+        evalRecurrence(x, y, z, order, aN_, bN_, out);
+    });
 }
 
 }  // namespace qelr::QELR_ISA::sh
@@ -163,11 +182,8 @@ QelStatus qelrSH_32f(const float* pX, const float* pY, const float* pZ, int n, f
     // A state whose 32-bit block size wrapped around may lack the bands.
     if (algorithm == qelSHRecurrence && !sh::recurrenceTablesCover(engine, order))
         return qelErrBadArgument;
-    if (algorithm == qelSHDirect) {
-        sh::runDirect(pX, pY, pZ, n, dst, order);
-    } else {
-        sh::runRecurrence(pX, pY, pZ, n, dst, order, engine);
-    }
+    const sh::BasisEvaluator evaluate(engine, order);
+    evaluate(pX, pY, pZ, n, dst);
     return qelOk;
 }
 

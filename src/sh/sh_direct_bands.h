@@ -5,13 +5,13 @@
 // clang-format off
 #pragma once
 
-#include "sh/sh_lanes.h"
+#include "sh/sh_direct_terms.h"
 
 namespace qelr::QELR_ISA::sh {
 
 template <class V>
-QELR_SH_INLINE void directBand4(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand4(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -41,8 +41,8 @@ QELR_SH_INLINE void directBand4(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand5(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand5(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -77,8 +77,8 @@ QELR_SH_INLINE void directBand5(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand6(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand6(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -118,8 +118,8 @@ QELR_SH_INLINE void directBand6(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand7(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand7(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -164,8 +164,8 @@ QELR_SH_INLINE void directBand7(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand8(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand8(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -215,8 +215,8 @@ QELR_SH_INLINE void directBand8(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand9(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand9(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -271,8 +271,8 @@ QELR_SH_INLINE void directBand9(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand10(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand10(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -332,8 +332,8 @@ QELR_SH_INLINE void directBand10(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand11(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand11(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -398,8 +398,8 @@ QELR_SH_INLINE void directBand11(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand12(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand12(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -469,8 +469,8 @@ QELR_SH_INLINE void directBand12(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand13(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand13(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -545,8 +545,8 @@ QELR_SH_INLINE void directBand13(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand14(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand14(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {
@@ -626,8 +626,8 @@ QELR_SH_INLINE void directBand14(const DirectTerms<V>& t, float* band) {
 }
 
 template <class V>
-QELR_SH_INLINE void directBand15(const DirectTerms<V>& t, float* band) {
-    constexpr int s = kLanes<V>;
+QELR_INLINE void directBand15(const DirectTerms<V>& t, float* band) {
+    constexpr int s = V::kLanes;
     const V& z = t.z;
     const V& z2 = t.z2;
     {

@@ -6,6 +6,7 @@
 #include "sh/sh_basis.h"
 #include "sh/sh_engine.h"
 #include "sh/sh_vector.h"
+#include "simd/simd.h"
 #include "simd/target.h"
 
 namespace qelr::QELR_ISA::impl {
@@ -42,16 +43,22 @@ bool admitSamples(int n, uint32_t order, const QelSHEngine* engine, QelStatus* s
     return true;
 }
 
-// Evaluates the basis of every sample, in ascending order, into a vector on
-// the stack and hands it to use(i, basis, count).
+// Samples whose bases are evaluated together (a few vectors of directions).
+constexpr int kSamplesPerBlock = 16;
+
+// Evaluates the basis of every sample, a block of samples at a time into a
+// buffer on the stack, and hands them to use(i, basis, count) in ascending
+// order of i.
 template <class Use>
 void forEachSample(const float* pX, const float* pY, const float* pZ, int n, uint32_t order,
                    const QelSHEngine* engine, Use use) {
     const int count = static_cast<int>((order + 1) * (order + 1));
-    alignas(16) float basis[sh::kMaxCoeffs];
-    for (int i = 0; i < n; ++i) {
-        sh::evaluateOne(pX[i], pY[i], pZ[i], order, engine, basis);
-        use(i, basis, count);
+    const sh::BasisEvaluator evaluate(engine, order);
+    alignas(32) float basis[kSamplesPerBlock * sh::kMaxCoeffs];
+    for (int i = 0; i < n; i += kSamplesPerBlock) {
+        const int samples = n - i < kSamplesPerBlock ? n - i : kSamplesPerBlock;
+        evaluate(pX + i, pY + i, pZ + i, samples, basis);
+        for (int j = 0; j < samples; ++j) use(i + j, basis + j * count, count);
     }
 }
 
@@ -68,6 +75,7 @@ QelStatus qelrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, 
         sh::scaleInPlace(basis, count, src[i]);
         sh::addInPlace(basis, coeffs, count);
     });
+    sh::canonicalNaNs(coeffs, static_cast<int>((order + 1) * (order + 1)));
     return qelOk;
 }
 
@@ -86,6 +94,7 @@ void forwardThreeChannels(const float* pX, const float* pY, const float* pZ, int
             sh::addInPlace(scaled, coeffs[c], count);
         }
     });
+    for (int c = 0; c < 3; ++c) sh::canonicalNaNs(coeffs[c], static_cast<int>((order + 1) * (order + 1)));
 }
 
 // Inverse transform of three channels; the value of channel c of sample i
@@ -95,7 +104,11 @@ void inverseThreeChannels(const float* const coeffs[3], uint32_t order, const fl
                           const float* pY, const float* pZ, int n, const QelSHEngine* engine,
                           Target target) {
     forEachSample(pX, pY, pZ, n, order, engine, [&](int i, const float* basis, int count) {
-        for (int c = 0; c < 3; ++c) sh::dotProduct(basis, coeffs[c], count, target(c, i));
+        for (int c = 0; c < 3; ++c) {
+            float* out = target(c, i);
+            sh::dotProduct(basis, coeffs[c], count, out);
+            *out = simd::canonicalNaN(*out);
+        }
     });
 }
 
@@ -137,6 +150,7 @@ QelStatus qelrSHTInv_32f_C1(const float* coeffs, uint32_t order, const float* pX
     if (!admitSamples(n, order, engine, &status)) return status;
     forEachSample(pX, pY, pZ, n, order, engine, [&](int i, const float* basis, int count) {
         sh::dotProduct(basis, coeffs, count, dst + i);
+        dst[i] = simd::canonicalNaN(dst[i]);
     });
     return qelOk;
 }

@@ -1,10 +1,9 @@
 // Small single-precision array operations used by the transforms.
 #include "sh/sh_vector.h"
 
-#include <pmmintrin.h>
-
 #include <cstring>
 
+#include "simd/simd.h"
 #include "simd/target.h"
 
 namespace qelr::QELR_ISA::sh {
@@ -19,12 +18,14 @@ QelStatus checkArrays(const void* a, const void* b, int len) {
     return qelOk;
 }
 
-// y[k] = x[k] * v, four elements at a time (each the same product as one at a
+using simd::F32;
+using simd::Vf;
+
+// y[k] = x[k] * v, a vector at a time (each the same product as one at a
 // time); x and y may be the same array.
 void multiply(const float* x, float* y, int len, float v) {
-    const __m128 scale = _mm_set1_ps(v);
     int k = 0;
-    for (; k + 4 <= len; k += 4) _mm_storeu_ps(y + k, _mm_mul_ps(_mm_loadu_ps(x + k), scale));
+    for (; k + Vf::kLanes <= len; k += Vf::kLanes) simd::storeu(y + k, Vf::loadu(x + k) * Vf(v));
     for (; k < len; ++k) y[k] = x[k] * v;
 }
 
@@ -58,8 +59,8 @@ QelStatus scaleCopy(const float* x, float* y, int len, float v) {
 QelStatus addInPlace(const float* x, float* y, int len) {
     if (QelStatus st = checkArrays(x, y, len); st != qelOk) return st;
     int k = 0;
-    for (; k + 4 <= len; k += 4)
-        _mm_storeu_ps(y + k, _mm_add_ps(_mm_loadu_ps(y + k), _mm_loadu_ps(x + k)));
+    for (; k + Vf::kLanes <= len; k += Vf::kLanes)
+        simd::storeu(y + k, Vf::loadu(y + k) + Vf::loadu(x + k));
     for (; k < len; ++k) y[k] += x[k];
     return qelOk;
 }
@@ -70,16 +71,21 @@ QelStatus dotProduct(const float* x, const float* y, int len, float* result) {
     float sum = 0.0f;
     int k = 0;
     if (len >= kPartialSumsFrom) {
-        __m128 acc = _mm_setzero_ps();
-        for (; k + 4 <= len; k += 4)
-            acc = _mm_add_ps(acc, _mm_mul_ps(_mm_loadu_ps(x + k), _mm_loadu_ps(y + k)));
-        alignas(16) float lanes[4];
-        _mm_store_ps(lanes, acc);
-        sum = (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+        // Four partial sums on every target: their order is part of the result.
+        F32<4> acc = F32<4>::zero();
+        for (; k + 4 <= len; k += 4) acc = acc + F32<4>::loadu(x + k) * F32<4>::loadu(y + k);
+        sum = simd::sumLanes(acc);
     }
     for (; k < len; ++k) sum += x[k] * y[k];
     *result = sum;
     return qelOk;
+}
+
+void canonicalNaNs(float* x, int len) {
+    int k = 0;
+    for (; k + Vf::kLanes <= len; k += Vf::kLanes)
+        simd::storeu(x + k, simd::canonicalNaN(Vf::loadu(x + k)));
+    for (; k < len; ++k) x[k] = simd::canonicalNaN(x[k]);
 }
 
 }  // namespace qelr::QELR_ISA::sh

@@ -27,4 +27,9 @@ QelStatus dotProduct(const float* x, const float* y, int len, float* result);
 // x[k] = 0.
 QelStatus zeroFill(float* x, int len);
 
+// Every NaN among x[0 .. len-1] replaced by the processor's default NaN (see
+// simd::canonicalNaN). Which NaN payload a sum or product of two NaNs carries
+// depends on operand order; the transforms canonicalise what they write.
+void canonicalNaNs(float* x, int len);
+
 }  // namespace qelr::QELR_ISA::sh

@@ -410,4 +410,23 @@ QELR_INLINE uint32_t bitsOf(float f) {
     return bits;
 }
 
+
+// ---------------------------------------------------------------------------
+// NaN lanes
+
+// The NaN the processor makes for an invalid operation (0 * inf, inf - inf):
+// sign set, quiet, payload zero.
+QELR_INLINE float defaultNaN() { return floatFromBits(0xFFC00000u); }
+
+// NaN lanes replaced by the default NaN, the others unchanged. Where two NaNs
+// meet in one operation the result carries the payload of one of them, chosen
+// by operand order, which the compiler is free to swap; a kernel that
+// canonicalises its NaN inputs makes no NaN but the default one, and then
+// every operand order gives the same bits.
+template <FloatLanes V>
+QELR_INLINE V canonicalNaN(V a) {
+    return select(a != a, V(defaultNaN()), a);
+}
+QELR_INLINE float canonicalNaN(float a) { return a != a ? defaultNaN() : a; }
+
 }  // namespace qelr::QELR_ISA::simd

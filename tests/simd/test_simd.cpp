@@ -159,6 +159,12 @@ void checkFloatLanes() {
     expectLanes<V>(
         "andNot", s, [](V a, V b) { return andNot(a < b, b); },
         [](T a, T b) { return a < b ? T(0) : b; });
+    // Every NaN becomes the processor's default NaN; the one-lane form agrees.
+    const T dnan = T(defaultNaN());
+    expectLanes<V>(
+        "canonicalNaN", s, [](V a, V b) { return canonicalNaN(a * b); },
+        [&](T a, T b) { return a * b != a * b ? dnan : a * b; });
+    EXPECT_EQ(bitsOf(canonicalNaN(floatFromBits(0x7FC01234u))), 0xFFC00000u);
     // laneBits and the any/all tests read the masks lane by lane.
     const V lo = V::loadu(s.data()), hi = V::loadu(s.data() + V::kLanes);
     int want = 0;

@@ -76,8 +76,8 @@ def horner_expression(coeffs, parity):
 def band_function(l):
     lines = []
     lines.append("template <class V>")
-    lines.append("QELR_SH_INLINE void directBand%d(const DirectTerms<V>& t, float* band) {" % l)
-    lines.append("    constexpr int s = kLanes<V>;")
+    lines.append("QELR_INLINE void directBand%d(const DirectTerms<V>& t, float* band) {" % l)
+    lines.append("    constexpr int s = V::kLanes;")
     lines.append("    const V& z = t.z;")
     lines.append("    const V& z2 = t.z2;")
     for m in range(l + 1):
@@ -103,7 +103,7 @@ def source():
         "// clang-format off",
         "#pragma once",
         "",
-        '#include "sh/sh_lanes.h"',
+        '#include "sh/sh_direct_terms.h"',
         "",
         "namespace qelr::QELR_ISA::sh {",
         "",
