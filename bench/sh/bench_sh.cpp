@@ -1,29 +1,52 @@
-// Spherical-harmonic basis and transforms, single-threaded, beside a
-// hand-written double-precision evaluation (associated Legendre recurrence
-// and trigonometry, as users write it) and memset of the same output bytes.
+// Spherical-harmonic basis and transforms on one thread: the SSE3 and AVX2
+// variants side by side in one run, beside memset of the same output bytes
+// (the memory bound of the basis) and a hand-written double-precision
+// evaluation (associated Legendre recurrence and trigonometry, as users
+// write it).
 //
-// Prints the median times and, at the end, the ratios against the peers:
-// directions per second of each selector at order 7 against the hand-written
-// code, and the time of each selector at order 15 against memset. The
-// outputs (65536 directions, 64 MB at order 15) are larger than the caches.
-// Ratios use CPU time: the run is single-threaded, and on a shared machine
-// CPU time is the steadier measure of the work.
-#include <benchmark/benchmark.h>
+// Runs alternate between the variants and the peers; the figures are the
+// median and the minimum of the runs in nanoseconds of the thread's CPU time
+// per direction (the minimum is the run least disturbed by other load on the
+// machine). "of memset" is the memset time over the variant's time: 1.0 is
+// the memory bound. The outputs (65536 directions, 64 MB at order 15) are
+// larger than the caches.
+//
+// Usage: bench_sh [runs] [filter]   (filter: a substring of the case name)
 #include <qelcore.h>
 #include <qelr.h>
+#include <time.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <map>
+#include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "core/dispatch.h"
+
 namespace {
 
+using qelr::frame::Isa;
+
 constexpr int kDirections = 65536;
+constexpr int kSamples = 16384;  // per transform call
 constexpr int kOrders[] = {3, 7, 15};
+
+double cpuSeconds() {
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return t.tv_sec + 1e-9 * t.tv_nsec;
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
 
 struct Directions {
     std::vector<float> x, y, z, values;
@@ -57,49 +80,12 @@ struct Engine {
         qelrSHInit_32f(get(), order, algorithm);
     }
     ~Engine() { qelFree(block); }
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
     QelSHEngine* get() const { return static_cast<QelSHEngine*>(block); }
 };
 
 int coeffCount(int order) { return (order + 1) * (order + 1); }
-
-void setDirectionRate(benchmark::State& state, int order) {
-    state.counters["directions/s"] =
-        benchmark::Counter(double(kDirections) * state.iterations(), benchmark::Counter::kIsRate);
-    state.SetBytesProcessed(int64_t(state.iterations()) * kDirections * coeffCount(order) * 4);
-}
-
-// ---- the library's basis ----------------------------------------------------
-
-void BM_SH(benchmark::State& state, uint32_t algorithm) {
-    const int order = static_cast<int>(state.range(0));
-    const Directions& d = directions();
-    Engine e(order, algorithm);
-    std::vector<float> out(size_t(kDirections) * coeffCount(order));
-    for (auto _ : state) {
-        qelrSH_32f(d.x.data(), d.y.data(), d.z.data(), kDirections, out.data(), order, e.get());
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    setDirectionRate(state, order);
-}
-
-void BM_SHDirect(benchmark::State& state) { BM_SH(state, qelSHDirect); }
-void BM_SHRecurrence(benchmark::State& state) { BM_SH(state, qelSHRecurrence); }
-
-void BM_SHBand(benchmark::State& state) {
-    const int band = static_cast<int>(state.range(0));
-    const Directions& d = directions();
-    std::vector<float> out(size_t(kDirections) * (2 * band + 1));
-    for (auto _ : state) {
-        qelrSHBand_32f(d.x.data(), d.y.data(), d.z.data(), kDirections, out.data(), band);
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    state.counters["directions/s"] =
-        benchmark::Counter(double(kDirections) * state.iterations(), benchmark::Counter::kIsRate);
-}
-
-// ---- the peers ----------------------------------------------------------------
 
 // What a user writes by hand: the azimuth by atan2, cos(m phi) and sin(m phi)
 // by the library math functions, the associated Legendre functions by their
@@ -140,176 +126,141 @@ void handWrittenBasis(float fx, float fy, float fz, int order, float* out) {
     }
 }
 
-void BM_HandWrittenDouble(benchmark::State& state) {
-    const int order = static_cast<int>(state.range(0));
-    const Directions& d = directions();
-    const int count = coeffCount(order);
-    std::vector<float> out(size_t(kDirections) * count);
-    for (auto _ : state) {
-        for (int i = 0; i < kDirections; ++i)
-            handWrittenBasis(d.x[i], d.y[i], d.z[i], order, out.data() + size_t(i) * count);
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    setDirectionRate(state, order);
-}
-
-void BM_Memset(benchmark::State& state) {
-    const int order = static_cast<int>(state.range(0));
-    const size_t bytes = size_t(kDirections) * coeffCount(order) * 4;
-    std::vector<float> out(bytes / 4);
-    for (auto _ : state) {
-        std::memset(out.data(), 0, bytes);
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    setDirectionRate(state, order);
-}
-
-// ---- transforms -------------------------------------------------------------
-
-void setSampleRate(benchmark::State& state) {
-    state.counters["samples/s"] =
-        benchmark::Counter(double(kDirections) * state.iterations(), benchmark::Counter::kIsRate);
-}
-
-void BM_SHTFwdC1I(benchmark::State& state) {
-    const int order = static_cast<int>(state.range(0));
-    const uint32_t algorithm = static_cast<uint32_t>(state.range(1));
-    const Directions& d = directions();
-    Engine e(order, algorithm);
-    std::vector<float> coeffs(coeffCount(order), 0.0f);
-    for (auto _ : state) {
-        qelrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), d.values.data(), kDirections,
-                           coeffs.data(), order, e.get());
-        benchmark::DoNotOptimize(coeffs.data());
-    }
-    setSampleRate(state);
-}
-
-void BM_SHTFwdP3I(benchmark::State& state) {
-    const int order = static_cast<int>(state.range(0));
-    const uint32_t algorithm = static_cast<uint32_t>(state.range(1));
-    const Directions& d = directions();
-    Engine e(order, algorithm);
-    std::vector<float> c[3];
-    for (auto& v : c) v.assign(coeffCount(order), 0.0f);
-    float* coeffs[3] = {c[0].data(), c[1].data(), c[2].data()};
-    const float* src[3] = {d.values.data(), d.x.data(), d.y.data()};
-    for (auto _ : state) {
-        qelrSHTFwd_32f_P3I(d.x.data(), d.y.data(), d.z.data(), src, kDirections, coeffs, order,
-                           e.get());
-        benchmark::DoNotOptimize(coeffs[0]);
-    }
-    setSampleRate(state);
-}
-
-void BM_SHTInvC1(benchmark::State& state) {
-    const int order = static_cast<int>(state.range(0));
-    const uint32_t algorithm = static_cast<uint32_t>(state.range(1));
-    const Directions& d = directions();
-    Engine e(order, algorithm);
-    std::vector<float> coeffs(d.values.begin(), d.values.begin() + coeffCount(order));
-    std::vector<float> out(kDirections);
-    for (auto _ : state) {
-        qelrSHTInv_32f_C1(coeffs.data(), order, d.x.data(), d.y.data(), d.z.data(), out.data(),
-                          kDirections, e.get());
-        benchmark::DoNotOptimize(out.data());
-    }
-    setSampleRate(state);
-}
-
-void BM_SHTInvP3(benchmark::State& state) {
-    const int order = static_cast<int>(state.range(0));
-    const uint32_t algorithm = static_cast<uint32_t>(state.range(1));
-    const Directions& d = directions();
-    Engine e(order, algorithm);
-    const int count = coeffCount(order);
-    const float* coeffs[3] = {d.values.data(), d.values.data() + count,
-                              d.values.data() + 2 * count};
-    std::vector<float> o[3];
-    for (auto& v : o) v.resize(kDirections);
-    float* out[3] = {o[0].data(), o[1].data(), o[2].data()};
-    for (auto _ : state) {
-        qelrSHTInv_32f_P3(coeffs, order, d.x.data(), d.y.data(), d.z.data(), out, kDirections,
-                          e.get());
-        benchmark::DoNotOptimize(out[0]);
-    }
-    setSampleRate(state);
-}
-
-void orderArgs(benchmark::internal::Benchmark* b) {
-    for (int order : kOrders) b->Arg(order);
-}
-
-void transformArgs(benchmark::internal::Benchmark* b) {
-    for (int algorithm : {0, 1})
-        for (int order : kOrders) b->Args({order, algorithm});
-    b->ArgNames({"order", "selector"});
-}
-
-BENCHMARK(BM_SHDirect)->Apply(orderArgs);
-BENCHMARK(BM_SHRecurrence)->Apply(orderArgs);
-BENCHMARK(BM_SHBand)->Apply(orderArgs);
-BENCHMARK(BM_HandWrittenDouble)->Apply(orderArgs);
-BENCHMARK(BM_Memset)->Apply(orderArgs);
-BENCHMARK(BM_SHTFwdC1I)->Apply(transformArgs);
-BENCHMARK(BM_SHTFwdP3I)->Apply(transformArgs);
-BENCHMARK(BM_SHTInvC1)->Apply(transformArgs);
-BENCHMARK(BM_SHTInvP3)->Apply(transformArgs);
-
-// Keeps the CPU time per iteration of every run (the median when
-// repetitions are asked for) for the summary.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            const std::string name = run.run_name.str();
-            if (median || (run.run_type == Run::RT_Iteration && !medians_.count(name)))
-                times_[name] = run.GetAdjustedCPUTime();
-            if (median) medians_[name] = true;
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void printRatios() const {
-        std::printf(
-            "\nSummary (CPU time per %d directions, single-threaded; medians when repeated)\n",
-            kDirections);
-        for (int order : kOrders) {
-            const auto t = [this, order](const char* family) {
-                char name[64];
-                std::snprintf(name, sizeof name, "%s/%d", family, order);
-                auto it = times_.find(name);
-                return it == times_.end() ? 0.0 : it->second;
-            };
-            const double hand = t("BM_HandWrittenDouble"), mem = t("BM_Memset");
-            const double direct = t("BM_SHDirect"), recur = t("BM_SHRecurrence");
-            if (hand <= 0 || mem <= 0 || direct <= 0 || recur <= 0) continue;
-            std::printf(
-                "order %2d: speed-up over hand-written double: direct %.2fx, recurrence %.2fx; "
-                "time over memset of the same bytes: direct %.2fx, recurrence %.2fx\n",
-                order, hand / direct, hand / recur, direct / mem, recur / mem);
-        }
-        std::printf(
-            "targets: order 7 direct >= 5x and recurrence >= 3x the hand-written code; "
-            "order 15 either selector <= 1.5x memset\n");
-    }
-
- private:
-    std::map<std::string, double> times_;
-    std::map<std::string, bool> medians_;
+// One line of the table: the variants, and optionally memset of outBytes
+// and the hand-written code.
+struct Case {
+    std::string name;
+    int elements;                      // directions or samples per call
+    size_t outBytes;                   // 0: no memset column
+    std::function<void(Isa)> call;
+    std::function<void()> handWritten;  // may be empty
 };
+
+std::vector<uint8_t> gMemsetTarget;
+
+void runCase(const Case& c, int runs) {
+    const bool avx2 = qelr::frame::isaRuns(Isa::avx2);
+    if (gMemsetTarget.size() < c.outBytes) gMemsetTarget.assign(c.outBytes, 1);
+    std::vector<double> t[4];
+    c.call(Isa::sse3);  // warm up (and fault in the output pages)
+    for (int r = 0; r < runs; ++r) {
+        for (int k = 0; k < 4; ++k) {
+            if ((k == 1 && !avx2) || (k == 2 && c.outBytes == 0) || (k == 3 && !c.handWritten))
+                continue;
+            const double t0 = cpuSeconds();
+            if (k < 2) c.call(k == 0 ? Isa::sse3 : Isa::avx2);
+            if (k == 2) std::memset(gMemsetTarget.data(), r, c.outBytes);
+            if (k == 3) c.handWritten();
+            t[k].push_back((cpuSeconds() - t0) * 1e9 / c.elements);
+        }
+    }
+    auto med = [&](int k) { return t[k].empty() ? NAN : median(t[k]); };
+    auto low = [&](int k) { return t[k].empty() ? NAN : *std::min_element(t[k].begin(), t[k].end()); };
+    const double s = med(0), a = med(1), m = med(2), h = med(3);
+    std::printf("%-24s %8.3f %8.3f %6.2fx %8.3f %6.3f %6.3f %8.2f | %8.3f %8.3f %6.3f %6.3f\n",
+                c.name.c_str(), s, a, s / a, m, m / s, m / a, h, low(0), low(1), low(2) / low(0),
+                low(2) / low(1));
+}
+
+std::vector<Case> makeCases() {
+    std::vector<Case> cases;
+    const Directions& d = directions();
+    for (int order : kOrders) {
+        const int count = coeffCount(order);
+        auto out = std::make_shared<std::vector<float>>(size_t(kDirections) * count);
+        for (uint32_t algorithm : {qelSHDirect, qelSHRecurrence}) {
+            auto e = std::make_shared<Engine>(order, algorithm);
+            Case c;
+            c.name = std::string(algorithm == qelSHDirect ? "SH direct/" : "SH recurrence/") +
+                     std::to_string(order);
+            c.elements = kDirections;
+            c.outBytes = out->size() * 4;
+            c.call = [=, &d](Isa isa) {
+                QELR_VARIANT(isa, qelrSH_32f)(d.x.data(), d.y.data(), d.z.data(), kDirections,
+                                              out->data(), order, e->get());
+            };
+            if (algorithm == qelSHDirect) {
+                c.handWritten = [=, &d] {
+                    for (int i = 0; i < kDirections; ++i)
+                        handWrittenBasis(d.x[i], d.y[i], d.z[i], order,
+                                         out->data() + size_t(i) * count);
+                };
+            }
+            cases.push_back(std::move(c));
+        }
+        auto band = std::make_shared<std::vector<float>>(size_t(kDirections) * (2 * order + 1));
+        cases.push_back({"SHBand/" + std::to_string(order), kDirections, band->size() * 4,
+                         [=, &d](Isa isa) {
+                             QELR_VARIANT(isa, qelrSHBand_32f)(d.x.data(), d.y.data(), d.z.data(),
+                                                               kDirections, band->data(), order);
+                         },
+                         {}});
+    }
+    // Transforms: per sample, a basis and one or three vector operations.
+    for (int order : kOrders) {
+        const int count = coeffCount(order);
+        for (uint32_t algorithm : {qelSHDirect, qelSHRecurrence}) {
+            auto e = std::make_shared<Engine>(order, algorithm);
+            const std::string suffix =
+                std::string(algorithm == qelSHDirect ? "/direct/" : "/recur/") +
+                std::to_string(order);
+            auto coeffs = std::make_shared<std::vector<float>>(3 * count, 0.0f);
+            auto planes = std::make_shared<std::vector<float>>(3 * kSamples);
+            cases.push_back({"SHTFwd C1I" + suffix, kSamples, 0,
+                             [=, &d](Isa isa) {
+                                 QELR_VARIANT(isa, qelrSHTFwd_32f_C1I)(
+                                     d.x.data(), d.y.data(), d.z.data(), d.values.data(), kSamples,
+                                     coeffs->data(), order, e->get());
+                             },
+                             {}});
+            cases.push_back({"SHTFwd P3I" + suffix, kSamples, 0,
+                             [=, &d](Isa isa) {
+                                 float* c3[3] = {coeffs->data(), coeffs->data() + count,
+                                                 coeffs->data() + 2 * count};
+                                 const float* src[3] = {d.values.data(), d.x.data(), d.y.data()};
+                                 QELR_VARIANT(isa, qelrSHTFwd_32f_P3I)(d.x.data(), d.y.data(),
+                                                                       d.z.data(), src, kSamples,
+                                                                       c3, order, e->get());
+                             },
+                             {}});
+            cases.push_back({"SHTInv C1" + suffix, kSamples, 0,
+                             [=, &d](Isa isa) {
+                                 QELR_VARIANT(isa, qelrSHTInv_32f_C1)(
+                                     d.values.data(), order, d.x.data(), d.y.data(), d.z.data(),
+                                     planes->data(), kSamples, e->get());
+                             },
+                             {}});
+            cases.push_back({"SHTInv P3" + suffix, kSamples, 0,
+                             [=, &d](Isa isa) {
+                                 const float* c3[3] = {d.values.data(), d.values.data() + count,
+                                                       d.values.data() + 2 * count};
+                                 float* o3[3] = {planes->data(), planes->data() + kSamples,
+                                                 planes->data() + 2 * kSamples};
+                                 QELR_VARIANT(isa, qelrSHTInv_32f_P3)(c3, order, d.x.data(),
+                                                                      d.y.data(), d.z.data(), o3,
+                                                                      kSamples, e->get());
+                             },
+                             {}});
+        }
+    }
+    return cases;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatios();
-    benchmark::Shutdown();
+    const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 11;
+    const char* filter = argc > 2 ? argv[2] : "";
+    std::printf(
+        "ns of CPU time per direction (sample), one thread; %d interleaved runs\n"
+        "%-24s %8s %8s %7s %8s %6s %6s %8s | %8s %8s %6s %6s\n",
+        runs, "case", "sse3", "avx2", "gain", "memset", "of mem", "of mem", "by hand", "min sse3",
+        "min avx2", "of mem", "of mem");
+    std::printf("%-24s %8s %8s %7s %8s %6s %6s %8s | %8s %8s %6s %6s\n", "", "median", "median",
+                "", "median", "sse3", "avx2", "median", "", "", "sse3", "avx2");
+    for (const Case& c : makeCases()) {
+        if (c.name.find(filter) == std::string::npos) continue;
+        runCase(c, runs);
+    }
     return 0;
 }
