@@ -12,7 +12,17 @@
 #include <random>
 #include <vector>
 
+#include "core/dispatch.h"
+
 namespace sh_test {
+
+// The instruction-set variants this processor runs.
+inline std::vector<qelr::frame::Isa> variants() {
+    std::vector<qelr::frame::Isa> v;
+    for (auto isa : qelr::frame::kIsas)
+        if (qelr::frame::isaRuns(isa)) v.push_back(isa);
+    return v;
+}
 
 // A state block of the reported size from qelMalloc (16-byte aligned).
 class Engine {

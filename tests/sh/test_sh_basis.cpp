@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "sh/sh_basis.h"
+#include "core/dispatch.h"
 #include "sh_reference.h"
 #include "test_util.h"
 
@@ -17,6 +17,9 @@ using qelr_test::bitsOf;
 using sh_test::bandNorm;
 using sh_test::Directions;
 using sh_test::Engine;
+using qelr::frame::Isa;
+using qelr::frame::isaName;
+using sh_test::variants;
 
 constexpr uint32_t kSelectors[] = {qelSHDirect, qelSHRecurrence};
 
@@ -56,19 +59,6 @@ TEST(SHBasis, BothSelectorsMatchTheReferenceAtEveryOrder) {
                 EXPECT_LT(worst[l], bound) << "selector " << algorithm << " band " << l;
             }
         }
-    }
-}
-
-TEST(SHBasis, SelectorsAgree) {
-    const Directions d = sh_test::randomDirections(500, 11);
-    const auto direct = evaluate(d, 15, qelSHDirect);
-    const auto recur = evaluate(d, 15, qelSHRecurrence);
-    for (int l = 0; l <= 15; ++l) {
-        double worst = 0;
-        for (int i = 0; i < d.count(); ++i)
-            for (int k = l * l; k < (l + 1) * (l + 1); ++k)
-                worst = std::fmax(worst, std::fabs(direct[i * 256 + k] - recur[i * 256 + k]));
-        EXPECT_LT(worst / bandNorm(l), 1e-5) << "band " << l;
     }
 }
 
@@ -150,65 +140,89 @@ TEST(SHBasis, OrthonormalUnderQuadrature) {
     }
 }
 
-// Packs of four directions and single directions give the same bits, the
-// band function gives the direct selector's bits, and a copied state works.
-TEST(SHBasis, PathsAgreeBitwise) {
-    const Directions d = sh_test::randomDirections(8, 5);  // 13 directions
+// Directions that exercise every path: random unit vectors, poles and the
+// equator, a NaN with a payload, infinities and non-unit vectors.
+Directions awkwardDirections() {
+    Directions d = sh_test::randomDirections(14, 5);
+    const float nan = qelr_test::floatOf(0x7FC01234u), inf = INFINITY;
+    const float extra[][3] = {{nan, 0.5f, 0.5f}, {0.3f, inf, -0.2f}, {2.0f, -3.0f, 0.5f},
+                              {-inf, 0.0f, nan}, {1e30f, 1e-30f, -1e30f}};
+    for (const auto& e : extra) {
+        d.x.push_back(e[0]);
+        d.y.push_back(e[1]);
+        d.z.push_back(e[2]);
+    }
+    return d;  // 24 directions: three vectors of eight, six of four
+}
+
+// Every variant writes the same bytes, for each pack size (so for every
+// position of a direction in the vectors and the padded tail), and a band
+// holds the bytes of the direct selector's full basis. The state may be
+// copied before use.
+TEST(SHBasis, VariantsAndPathsAgreeBitwise) {
+    const Directions d = awkwardDirections();
     const int n = d.count();
     for (uint32_t algorithm : kSelectors) {
         for (uint32_t order = 0; order <= 15; ++order) {
             const int count = (order + 1) * (order + 1);
-            const auto all = evaluate(d, order, algorithm);
             Engine e(order, algorithm);
             std::vector<float> copy(e.size() / 4 + 4);
             std::memcpy(copy.data(), e.get(), e.size());
             const auto* moved = reinterpret_cast<const QelSHEngine*>(copy.data());
-            std::vector<float> one(count);
-            for (int i = 0; i < n; ++i) {
-                ASSERT_EQ(qelrSH_32f(&d.x[i], &d.y[i], &d.z[i], 1, one.data(), order, moved),
+            const auto all = evaluate(d, order, algorithm);
+            std::vector<float> out(n * count), band(n * (2 * order + 1));
+            for (Isa isa : variants()) {
+                for (int pack : {1, 3, 5, 8, 11}) {
+                    for (int i = 0; i < n; i += pack)
+                        ASSERT_EQ(QELR_VARIANT(isa, qelrSH_32f)(&d.x[i], &d.y[i], &d.z[i],
+                                                                std::min(pack, n - i),
+                                                                &out[i * count], order, moved),
+                                  qelOk);
+                    ASSERT_EQ(std::memcmp(out.data(), all.data(), 4 * out.size()), 0)
+                        << isaName(isa) << " selector " << algorithm << " order " << order
+                        << " pack " << pack;
+                }
+                if (algorithm != qelSHDirect) continue;
+                ASSERT_EQ(QELR_VARIANT(isa, qelrSHBand_32f)(d.x.data(), d.y.data(), d.z.data(),
+                                                            n, band.data(), order),
                           qelOk);
-                ASSERT_EQ(std::memcmp(one.data(), &all[i * count], 4 * count), 0)
-                    << "selector " << algorithm << " order " << order << " direction " << i;
+                for (int i = 0; i < n; ++i)
+                    ASSERT_EQ(std::memcmp(&band[i * (2 * order + 1)],
+                                          &all[i * count + order * order], 4 * (2 * order + 1)),
+                              0)
+                        << isaName(isa) << " band " << order << " direction " << i;
             }
-            if (algorithm != qelSHDirect) continue;
-            std::vector<float> band(n * (2 * order + 1));
-            ASSERT_EQ(qelrSHBand_32f(d.x.data(), d.y.data(), d.z.data(), n, band.data(), order),
-                      qelOk);
-            for (int i = 0; i < n; ++i)
-                ASSERT_EQ(std::memcmp(&band[i * (2 * order + 1)], &all[i * count + order * order],
-                                      4 * (2 * order + 1)),
-                          0)
-                    << "band " << order << " direction " << i;
         }
     }
 }
 
-// Large outputs are streamed; they hold the same bits as small calls, for
-// aligned and unaligned destinations and odd coefficient counts.
+// Large outputs are streamed; they hold the same bits as small calls on every
+// variant, for aligned and unaligned destinations and odd coefficient counts.
 TEST(SHBasis, StreamedOutputsAgreeBitwise) {
     const Directions d = sh_test::randomDirections(9400, 17);
     for (uint32_t algorithm : kSelectors) {
         for (uint32_t order : {15u, 14u}) {
             Engine e(order, algorithm);
             const int count = (order + 1) * (order + 1);
-            const int n = static_cast<int>(qelr::sh::kStreamingBytes / (4 * count)) + 5;
+            const int n = static_cast<int>((8 << 20) / (4 * count)) + 5;  // over 8 MB
             ASSERT_LE(n, d.count());
             std::vector<float> big(static_cast<size_t>(n) * count + 4), small(big.size());
-            for (int shift : {0, 1}) {
-                ASSERT_EQ(qelrSH_32f(d.x.data(), d.y.data(), d.z.data(), n, big.data() + shift,
-                                     order, e.get()),
+            for (int i = 0; i < n; i += 6)
+                ASSERT_EQ(qelrSH_32f(&d.x[i], &d.y[i], &d.z[i], std::min(6, n - i),
+                                     small.data() + static_cast<size_t>(i) * count, order,
+                                     e.get()),
                           qelOk);
-                for (int i = 0; i < n; i += 6) {
-                    const int chunk = std::min(6, n - i);
-                    ASSERT_EQ(qelrSH_32f(&d.x[i], &d.y[i], &d.z[i], chunk,
-                                         small.data() + shift + static_cast<size_t>(i) * count,
-                                         order, e.get()),
+            for (Isa isa : variants()) {
+                for (int shift : {0, 1}) {
+                    ASSERT_EQ(QELR_VARIANT(isa, qelrSH_32f)(d.x.data(), d.y.data(), d.z.data(), n,
+                                                            big.data() + shift, order, e.get()),
                               qelOk);
+                    ASSERT_EQ(std::memcmp(big.data() + shift, small.data(),
+                                          4 * static_cast<size_t>(n) * count),
+                              0)
+                        << isaName(isa) << " selector " << algorithm << " order " << order
+                        << " shift " << shift;
                 }
-                ASSERT_EQ(std::memcmp(big.data() + shift, small.data() + shift,
-                                      4 * static_cast<size_t>(n) * count),
-                          0)
-                    << "selector " << algorithm << " order " << order << " shift " << shift;
             }
         }
     }

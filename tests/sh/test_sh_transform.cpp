@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "sh/sh_vector.h"
+#include "core/dispatch.h"
 #include "sh_reference.h"
 #include "test_util.h"
 
@@ -15,6 +15,9 @@ namespace {
 using qelr_test::bitsOf;
 using sh_test::Directions;
 using sh_test::Engine;
+using qelr::frame::Isa;
+using qelr::frame::isaName;
+using sh_test::variants;
 
 constexpr uint32_t kSelectors[] = {qelSHDirect, qelSHRecurrence};
 
@@ -79,64 +82,78 @@ TEST(SHTransform, ZeroAndOneShortcuts) {
     EXPECT_EQ(c[3], 0.0f);
 }
 
-// The three-channel layouts are three one-channel transforms side by side.
-TEST(SHTransform, ChannelLayoutsMatchOneChannel) {
-    const Directions d = sh_test::randomDirections(30, 8);
+// The three-channel layouts are three one-channel transforms side by side,
+// and every variant writes the same bytes, NaN and infinite samples included.
+TEST(SHTransform, ChannelLayoutsAndVariantsAgreeBitwise) {
+    const Directions d = sh_test::randomDirections(30, 8);  // 35: vectors and a tail
     const int n = d.count();
-    const uint32_t order = 5;
-    const int count = 36;
     for (uint32_t algorithm : kSelectors) {
-        Engine e(order, algorithm);
-        std::vector<float> planes[3], interleaved(3 * n);
-        std::vector<float> single[3], viaC3[3], viaP3[3];
-        for (int c = 0; c < 3; ++c) {
-            planes[c] = randomValues(n, 30 + c);
-            for (int i = 0; i < n; ++i) interleaved[3 * i + c] = planes[c][i];
-            single[c] = viaC3[c] = viaP3[c] = randomValues(count, 40 + c);
-            ASSERT_EQ(qelrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), planes[c].data(), n,
-                                         single[c].data(), order, e.get()),
-                      qelOk);
-        }
-        float* c3[3] = {viaC3[0].data(), viaC3[1].data(), viaC3[2].data()};
-        float* p3[3] = {viaP3[0].data(), viaP3[1].data(), viaP3[2].data()};
-        const float* src[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
-        ASSERT_EQ(qelrSHTFwd_32f_C3P3I(d.x.data(), d.y.data(), d.z.data(), interleaved.data(), n,
-                                       c3, order, e.get()),
-                  qelOk);
-        ASSERT_EQ(
-            qelrSHTFwd_32f_P3I(d.x.data(), d.y.data(), d.z.data(), src, n, p3, order, e.get()),
-            qelOk);
-        for (int c = 0; c < 3; ++c) {
-            EXPECT_EQ(std::memcmp(single[c].data(), viaC3[c].data(), 4 * count), 0);
-            EXPECT_EQ(std::memcmp(single[c].data(), viaP3[c].data(), 4 * count), 0);
-        }
-
-        const float* coeffs[3] = {single[0].data(), single[1].data(), single[2].data()};
-        std::vector<float> out1[3], outP3[3], outC3(3 * n);
-        for (int c = 0; c < 3; ++c) {
-            out1[c].resize(n);
-            outP3[c].resize(n);
-            ASSERT_EQ(qelrSHTInv_32f_C1(coeffs[c], order, d.x.data(), d.y.data(), d.z.data(),
-                                        out1[c].data(), n, e.get()),
-                      qelOk);
-            // The inverse is the dot product of the basis and the coefficients.
-            for (int i = 0; i < n; ++i) {
-                float dot;
-                qelr::sh::dotProduct(basisOf(d, i, order, e.get()).data(), coeffs[c], count, &dot);
-                EXPECT_EQ(bitsOf(out1[c][i]), bitsOf(dot));
-            }
-        }
-        float* dst[3] = {outP3[0].data(), outP3[1].data(), outP3[2].data()};
-        ASSERT_EQ(
-            qelrSHTInv_32f_P3(coeffs, order, d.x.data(), d.y.data(), d.z.data(), dst, n, e.get()),
-            qelOk);
-        ASSERT_EQ(qelrSHTInv_32f_P3C3(coeffs, order, d.x.data(), d.y.data(), d.z.data(),
-                                      outC3.data(), n, e.get()),
-                  qelOk);
-        for (int c = 0; c < 3; ++c) {
-            for (int i = 0; i < n; ++i) {
-                EXPECT_EQ(bitsOf(outP3[c][i]), bitsOf(out1[c][i]));
-                EXPECT_EQ(bitsOf(outC3[3 * i + c]), bitsOf(out1[c][i]));
+        for (uint32_t order : {2u, 5u, 15u}) {
+            const int count = (order + 1) * (order + 1);
+            Engine e(order, algorithm);
+            std::vector<float> planes[3], interleaved(3 * n);
+            for (int c = 0; c < 3; ++c) planes[c] = randomValues(n, 30 + c);
+            planes[1][4] = qelr_test::floatOf(0x7FC05678u);
+            planes[2][7] = INFINITY;
+            for (int c = 0; c < 3; ++c)
+                for (int i = 0; i < n; ++i) interleaved[3 * i + c] = planes[c][i];
+            std::vector<float> first;  // everything the first variant wrote
+            for (Isa isa : variants()) {
+#define V(f) QELR_VARIANT(isa, f)
+                std::vector<float> single[3], viaC3[3], viaP3[3];
+                for (int c = 0; c < 3; ++c) {
+                    single[c] = viaC3[c] = viaP3[c] = randomValues(count, 40 + c);
+                    ASSERT_EQ(V(qelrSHTFwd_32f_C1I)(d.x.data(), d.y.data(), d.z.data(),
+                                                    planes[c].data(), n, single[c].data(), order,
+                                                    e.get()),
+                              qelOk);
+                }
+                float* c3[3] = {viaC3[0].data(), viaC3[1].data(), viaC3[2].data()};
+                float* p3[3] = {viaP3[0].data(), viaP3[1].data(), viaP3[2].data()};
+                const float* src[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
+                ASSERT_EQ(V(qelrSHTFwd_32f_C3P3I)(d.x.data(), d.y.data(), d.z.data(),
+                                                  interleaved.data(), n, c3, order, e.get()),
+                          qelOk);
+                ASSERT_EQ(V(qelrSHTFwd_32f_P3I)(d.x.data(), d.y.data(), d.z.data(), src, n, p3,
+                                                order, e.get()),
+                          qelOk);
+                for (int c = 0; c < 3; ++c) {
+                    EXPECT_EQ(std::memcmp(single[c].data(), viaC3[c].data(), 4 * count), 0);
+                    EXPECT_EQ(std::memcmp(single[c].data(), viaP3[c].data(), 4 * count), 0);
+                }
+                // The inverse of random coefficients (one channel also NaN).
+                std::vector<float> coeffs[3];
+                for (int c = 0; c < 3; ++c) coeffs[c] = randomValues(count, 50 + c);
+                coeffs[2][count - 1] = qelr_test::floatOf(0xFFC0ABCDu);
+                const float* cin[3] = {coeffs[0].data(), coeffs[1].data(), coeffs[2].data()};
+                std::vector<float> out1[3], outP3[3], outC3(3 * n);
+                for (int c = 0; c < 3; ++c) {
+                    out1[c].resize(n);
+                    outP3[c].resize(n);
+                    ASSERT_EQ(V(qelrSHTInv_32f_C1)(cin[c], order, d.x.data(), d.y.data(),
+                                                   d.z.data(), out1[c].data(), n, e.get()),
+                              qelOk);
+                }
+                float* dst[3] = {outP3[0].data(), outP3[1].data(), outP3[2].data()};
+                ASSERT_EQ(V(qelrSHTInv_32f_P3)(cin, order, d.x.data(), d.y.data(), d.z.data(),
+                                               dst, n, e.get()),
+                          qelOk);
+                ASSERT_EQ(V(qelrSHTInv_32f_P3C3)(cin, order, d.x.data(), d.y.data(), d.z.data(),
+                                                 outC3.data(), n, e.get()),
+                          qelOk);
+#undef V
+                std::vector<float> all;
+                for (int c = 0; c < 3; ++c) {
+                    for (int i = 0; i < n; ++i) {
+                        EXPECT_EQ(bitsOf(outP3[c][i]), bitsOf(out1[c][i]));
+                        EXPECT_EQ(bitsOf(outC3[3 * i + c]), bitsOf(out1[c][i]));
+                    }
+                    all.insert(all.end(), single[c].begin(), single[c].end());
+                    all.insert(all.end(), out1[c].begin(), out1[c].end());
+                }
+                if (first.empty()) first = all;
+                EXPECT_EQ(std::memcmp(all.data(), first.data(), 4 * all.size()), 0)
+                    << isaName(isa) << " selector " << algorithm << " order " << order;
             }
         }
     }
@@ -236,42 +253,6 @@ TEST(SHTransform, StatusesInTheirOrder) {
     EXPECT_EQ(qelrSHTInv_32f_C1(w, 1, p, p, p, w, 1, bad), qelErrBadArgument);
     EXPECT_EQ(qelrSHTFwd_32f_P3I(p, p, p, cplanes, 1, planes, 1, bad), qelErrBadArgument);
     for (float v : w) EXPECT_EQ(v, 5.0f);
-}
-
-TEST(SHVectorOps, ArithmeticAndChecks) {
-    using namespace qelr::sh;
-    const auto x = randomValues(37, 1);
-    const auto y = randomValues(37, 2);
-    for (int len : {1, 5, 15, 16, 17, 36, 37}) {
-        float expect = 0.0f;
-        int k = 0;
-        if (len >= 16) {
-            float lane[4] = {0, 0, 0, 0};
-            for (; k + 4 <= len; k += 4)
-                for (int j = 0; j < 4; ++j) lane[j] += x[k + j] * y[k + j];
-            expect = (lane[0] + lane[1]) + (lane[2] + lane[3]);
-        }
-        for (; k < len; ++k) expect += x[k] * y[k];
-        float got = 0;
-        ASSERT_EQ(dotProduct(x.data(), y.data(), len, &got), qelOk);
-        EXPECT_EQ(bitsOf(got), bitsOf(expect)) << len;
-    }
-    std::vector<float> t = x, u(37);
-    ASSERT_EQ(scaleInPlace(t.data(), 37, 3.0f), qelOk);
-    ASSERT_EQ(scaleCopy(x.data(), u.data(), 37, -0.5f), qelOk);
-    for (int k = 0; k < 37; ++k) {
-        EXPECT_EQ(t[k], x[k] * 3.0f);
-        EXPECT_EQ(u[k], x[k] * -0.5f);
-    }
-    ASSERT_EQ(addInPlace(x.data(), t.data(), 37), qelOk);
-    EXPECT_EQ(t[4], x[4] * 3.0f + x[4]);
-    float dot;
-    EXPECT_EQ(dotProduct(x.data(), nullptr, 3, &dot), qelErrNullPointer);
-    EXPECT_EQ(dotProduct(x.data(), y.data(), 3, nullptr), qelErrNullPointer);
-    EXPECT_EQ(scaleInPlace(nullptr, 3, 2.0f), qelErrNullPointer);
-    EXPECT_EQ(scaleCopy(x.data(), u.data(), 0, 2.0f), qelErrSize);
-    EXPECT_EQ(addInPlace(x.data(), t.data(), -1), qelErrSize);
-    EXPECT_EQ(zeroFill(t.data(), 0), qelErrSize);
 }
 
 }  // namespace
