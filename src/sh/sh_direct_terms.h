@@ -18,10 +18,17 @@ QELR_INLINE V roundToFloat(const V& a) {
     return simd::widen(simd::narrow(a));
 }
 
-// Stores a double-precision result rounded to single precision.
+// Stores a double-precision result rounded to single precision. Eight
+// lanes are two four-lane halves, each rounded and stored on its own (no
+// shuffle to join them).
 template <class V>
 QELR_INLINE void storeRounded(float* p, const V& v) {
-    simd::store(p, simd::narrow(v));
+    if constexpr (simd::kIsPair<V> && V::kLanes == 8) {
+        simd::store(p, simd::narrow(v.lo));
+        simd::store(p + 4, simd::narrow(v.hi));
+    } else {
+        simd::store(p, simd::narrow(v));
+    }
 }
 
 // z, z^2 rounded to single precision, and the sectoral factors
