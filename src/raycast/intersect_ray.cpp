@@ -144,7 +144,7 @@ int32_t anyHitRay(const QelTraceScene& scene, const Ray& ray) {
     const float limit = 1.0f;
     int32_t found = -1;
     TriangleHit hit{};
-    walkRay(scene.root, ray, 0.0f, 1.0001f, kSplitTolerance, limit, [&](const KDTreeNode* leaf) {
+    walkRay(scene.root, ray, 0.0f, kShadowFarEnd, kSplitTolerance, limit, [&](const KDTreeNode* leaf) {
         return forEachTriangle(leaf, [&](int32_t tri) {
             if (!hitTriangle(accel[tri], ray, limit, hit)) return false;
             found = tri;
