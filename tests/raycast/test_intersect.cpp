@@ -584,3 +584,52 @@ TEST(IntersectMultiple, LayerCountSemantics) {
         EXPECT_EQ(untouched, std::vector<int>(r.n(), 55));
     }
 }
+
+namespace {
+
+// Ray i of a pack alone, in a pack of one.
+Rays single(const Rays& r, size_t i) {
+    Rays one{1, 1};
+    for (int c = 0; c < 3; ++c) {
+        one.o[c].push_back(r.o[c][i]);
+        one.d[c].push_back(r.d[c][i]);
+    }
+    one.dist.push_back(r.dist[i]);
+    return one;
+}
+
+}  // namespace
+
+// The one-ray path runs several rays at a time on the vector lanes: each ray
+// gets the bytes it gets alone (a pack of one, traced on its own), for every
+// function, with neighbours of other octants, misses and masked rays.
+TEST(IntersectOneRay, RaysInGroupsGiveTheirOwnBits) {
+    uint32_t seed = 700;
+    for (const Scene& s : scenes()) {
+        const Rays cam = cameraRays(9, 5, ++seed, false), own = cameraRays(9, 5, seed, true);
+        const Rays shadow = shadowRays(9, 5, seed, false);
+        const Result so = traceNearest(s, cam, kOneRay, false),
+                     mo = traceNearest(s, own, kOneRay, true);
+        const Result layers = onEveryVariant([&](Isa isa) { return traceLayers(s, cam, 3, 1, isa); });
+        std::vector<int> maskIn(shadow.n());
+        for (size_t i = 0; i < shadow.n(); ++i) maskIn[i] = i % 7 == 3 ? -2 : int(i);
+        const AnyResult any = traceAny(s, shadow, kOneRay, maskIn);
+        const size_t n = cam.n();
+        for (size_t i = 0; i < n; ++i) {
+            SCOPED_TRACE(testing::Message() << "ray " << i);
+            const Result a = traceNearest(s, single(cam, i), kOneRay, false, Isa::sse3);
+            EXPECT_TRUE((a == Result{{so.dist[i]}, {so.u[i]}, {so.v[i]}, {so.index[i]}}));
+            const Result b = traceNearest(s, single(own, i), kOneRay, true, Isa::sse3);
+            EXPECT_TRUE((b == Result{{mo.dist[i]}, {mo.u[i]}, {mo.v[i]}, {mo.index[i]}}));
+            const Result l = traceLayers(s, single(cam, i), 3, 1, Isa::sse3);
+            for (int h = 0; h < 3; ++h) {
+                EXPECT_EQ(bitsOf(l.dist[h]), bitsOf(layers.dist[i + h * n])) << "layer " << h;
+                EXPECT_EQ(bitsOf(l.u[h]), bitsOf(layers.u[i + h * n])) << "layer " << h;
+                EXPECT_EQ(l.index[h], layers.index[i + h * n]) << "layer " << h;
+            }
+            const AnyResult c = traceAny(s, single(shadow, i), kOneRay, {maskIn[i]}, Isa::sse3);
+            EXPECT_EQ(c.index[0], any.index[i]);
+            EXPECT_EQ(c.mask[0], any.mask[i]);
+        }
+    }
+}
