@@ -255,9 +255,9 @@ void run(const std::string& name, const qelr_example::Mesh& mesh, const Camera& 
     const float e = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
     Vec chosen[3];
     double best[3] = {9, 9, 9}, share[3] = {};
-    for (float h : {1.2f, 0.6f, 0.3f, 0.15f, 0.05f, -0.1f})
+    for (float h : {1.2f, 0.8f, 0.5f, 0.35f, 0.25f, 0.15f, 0.08f, 0.02f, -0.1f})
         for (float a : {0.6f, 2.4f, 4.2f})
-            for (float r : {0.15f, 0.8f}) {
+            for (float r : {0.1f, 0.5f, 0.9f}) {
                 const Vec l{c.x + r * e * std::cos(a), c.y + h * e, c.z + r * e * std::sin(a)};
                 aimAt(l);
                 forPacks(1, [&](int p) { shadowPack(Isa::sse3, p); });
