@@ -191,9 +191,11 @@ QELR_INLINE V testGroup(const TriangleAccel& r, uint32_t kv, uint32_t ku, uint32
 // Tests one triangle on the packet's lanes and records the accepted ones. In
 // the any-hit form an accepted lane is finished (best -1, interval emptied);
 // returns true when no lane is left.
+// open[g] holds the lane bits of group g with a non-empty interval (kept up
+// to date here when an any-hit lane ends).
 template <class V, int N, bool kOwnOrigins, bool kAnyHit>
 inline bool testTriangle(const TriangleAccel& r, int32_t tri, const Packet<V, N, kOwnOrigins>& p,
-                         const V* tnear, V* tfar, Hits<V, N>& h) {
+                         const V* tnear, V* tfar, Hits<V, N>& h, int* openLanes) {
     const uint32_t axes = r.axes;
     if (axes == 0) return false;  // degenerate triangle
     const uint32_t kv = axes & 3, ku = (axes >> 2) & 3, k = (axes >> 4) & 3;
@@ -210,12 +212,12 @@ inline bool testTriangle(const TriangleAccel& r, int32_t tri, const Packet<V, N,
     for (int g = 0; g < N; ++g) {
         // A row of a packet of several rows takes the triangle only while one
         // of its lanes has a non-empty interval (on eight lanes, per half).
-        const int open = laneBits(tnear[g] <= tfar[g]);
+        const int open = openLanes[g];
         if (N * R > 1 && open == 0) {
             if constexpr (kAnyHit) left |= laneBits(h.best[g] > V::zero());
             continue;
         }
-        V t, bb, cc;
+        V t = V::zero(), bb = t, cc = t;
         V accept = testGroup<V, N, kOwnOrigins, !kAnyHit>(r, kv, ku, k, p, g, a, b, num,
                                                           h.best[g], t, bb, cc);
         if constexpr (R == 2) {
@@ -229,6 +231,7 @@ inline bool testTriangle(const TriangleAccel& r, int32_t tri, const Packet<V, N,
             if constexpr (kAnyHit) {
                 h.best[g] = select(accept, V(-1.0f), h.best[g]);
                 tfar[g] = select(accept, V(kNoInterval), tfar[g]);
+                openLanes[g] = laneBits(tnear[g] <= tfar[g]);
             } else {
                 h.best[g] = select(accept, t, h.best[g]);
                 h.u[g] = select(accept, bb, h.u[g]);
@@ -297,8 +300,11 @@ void tracePacket(const QelTraceScene& scene, const Packet<V, N, kOwnOrigins>& p,
             sp += anyLane(needFar);
             node = kids + nearSide;
         }
+        int open[N];
+        for (int g = 0; g < N; ++g) open[g] = laneBits(tnear[g] <= tfar[g]);
         const bool finished = forEachTriangle(node, [&](int32_t tri) {
-            return testTriangle<V, N, kOwnOrigins, kAnyHit>(accel[tri], tri, p, tnear, tfar, h);
+            return testTriangle<V, N, kOwnOrigins, kAnyHit>(accel[tri], tri, p, tnear, tfar, h,
+                                                            open);
         });
         if (finished) return;
         for (;;) {
@@ -460,7 +466,8 @@ int occluderRow(const float* origin, const float* const dirs[3], int* index, int
     Hits<Row, 1> h;
     h.best[0] = select(live, Row(1.0f), Row(-1.0f));
     h.index[0] = RowI(-1);
-    testTriangle<Row, 1, false, true>(scene.accel[occluder], occluder, p, &tnear, &tfar, h);
+    int open = laneBits(tnear <= tfar);
+    testTriangle<Row, 1, false, true>(scene.accel[occluder], occluder, p, &tnear, &tfar, h, &open);
     const RowI hit = h.index[0] > RowI(-1);
     const int hitLanes = laneBits(hit);
     if (hitLanes == 0) return 0;
@@ -560,8 +567,8 @@ void anyHitPackets(const float origin[3], const float* const dirs[3], int* index
             int code;
             if (oneOctant(signs, lanes, code)) {
                 // One packet of the rows that still have rays to trace.
-                ptrdiff_t liveRows[4];
-                int liveLanes[4], n = 0;
+                ptrdiff_t liveRows[4] = {};
+                int liveLanes[4] = {}, n = 0;
                 for (int r = 0; r < 4; ++r) {
                     if (lanes[r] == 0) continue;
                     liveRows[n] = rows[r];

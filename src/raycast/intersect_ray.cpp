@@ -76,8 +76,6 @@ LaneRays lanesAt(const float* origin, const float* const* origins, const float* 
     return r;
 }
 
-const Vf kAllLanes(simd::floatFromBits(0xFFFFFFFFu));
-
 // Writes the lanes of a group that found a triangle (index for all lanes).
 void storeNearest(const LaneHits& h, float* dist, float* const uv[2], int* index, ptrdiff_t i) {
     alignas(32) float best[kRayLanes], u[kRayLanes], v[kRayLanes];

@@ -28,6 +28,9 @@ using simd::Vf;
 using simd::Vi;
 constexpr int kRayLanes = simd::kLanes;
 
+// Every lane set.
+QELR_INLINE Vf allLanesSet() { return Vf::zero() == Vf::zero(); }
+
 // Rays of a group with the one-ray inverses and sign flags. Four entries per
 // axis array so that any two-bit axis field indexes inside.
 struct LaneRays {
@@ -56,7 +59,7 @@ inline Vf clipLanes(const LaneRays& r, const float* bounds, Vf& tnear, Vf& tfar)
         tnear = select(tiny, tnear, select(lo > tnear, lo, tnear));
         tfar = select(tiny, tfar, select(hi < tfar, hi, tfar));
     }
-    return andNot(tnear > tfar, Vf(simd::floatFromBits(0xFFFFFFFFu)));
+    return andNot(tnear > tfar, allLanesSet());
 }
 
 // Lane results of a walk: the limit (best distance), weights and triangle.
@@ -80,7 +83,7 @@ void walkLanes(const QelTraceScene& scene, const LaneRays& r, int octant, Vf lan
     int sp = 0;
     const Vf tol(tolerance), zero = Vf::zero();
     Vi pending = Vi::zero();   // per lane: its own entries on the stack
-    Vf active = lanes, done = andNot(lanes, Vf(simd::floatFromBits(0xFFFFFFFFu)));
+    Vf active = lanes, done = andNot(lanes, allLanesSet());
     const TriangleAccel* accel = scene.accel;
     const KDTreeNode* node = scene.root;
     for (;;) {
