@@ -5,10 +5,13 @@
 // rtcIntersect1, rtcIntersect4 on the rows of 4 x 4 tiles, rtcIntersect8 on
 // 4 x 2 blocks, rtcOccluded1 and rtcOccluded8. The shadow rays run for three
 // light positions chosen so that about 5 %, 30 % and over 60 % of them are
-// blocked. Rows: nearest packets (aligned planes), the one-ray path (a pack of
-// one row) and unaligned planes (every plane one float off a 16-byte
-// boundary). Prints medians of the calling thread's processor time over
-// interleaved rounds, the ratios to the peers, and the agreement of the hits.
+// blocked, on packets and on unaligned planes (the one-ray path), with the
+// share of blocked rays that the cached occluder finishes and the share of
+// tiles split by octant. Nearest-hit rows: packets (aligned planes), the
+// one-ray path (a pack of one row) and unaligned planes (every plane one
+// float off a 16-byte boundary). Prints medians of the calling thread's
+// processor time over interleaved rounds, the ratios to the peers, and the
+// agreement of the hits.
 #include <omp.h>
 #include <qelr.h>
 #include <time.h>
@@ -244,6 +247,51 @@ void run(const std::string& name, const qelr_example::Mesh& mesh, const Camera& 
         QELR_VARIANT(isa, qelrIntersectAnySO_32f)
         (lightO, d, fr.shadowIndex.p + at, fr.mask.p + at, {kPack, kPack}, &scene);
     };
+    // The same shadow rays on planes one float off a 16-byte boundary: the
+    // one-ray path.
+    std::vector<float> usx(kRays + 1), usy(kRays + 1), usz(kRays + 1);
+    std::vector<int> umask(kRays + 1), uindex(kRays + 1);
+    auto shadowPackUnaligned = [&](Isa isa, int p) {
+        const size_t at = size_t(p) * kPackRays + 1;
+        const float* const d[3] = {usx.data() + at, usy.data() + at, usz.data() + at};
+        std::memcpy(umask.data() + at, primary.data() + at - 1, kPackRays * sizeof(int));
+        const float lightO[3] = {light.x, light.y, light.z};
+        QELR_VARIANT(isa, qelrIntersectAnySO_32f)
+        (lightO, d, uindex.data() + at, umask.data() + at, {kPack, kPack}, &scene);
+    };
+    // Where the packets' time goes: the share of blocked rays that the cached
+    // occluder of their pack finishes, and the share of tiles whose remaining
+    // rays span several octants (traced row by row and octant by octant).
+    auto packetProfile = [&](double& byOccluder, double& splitTiles) {
+        size_t blocked = 0, cached = 0, tiles = 0, split = 0;
+        for (int p = 0; p < kPacks; ++p) {
+            const size_t at = size_t(p) * kPackRays;
+            int occluder = -1;
+            for (int i = 0; i < 4; ++i)
+                if (primary[at + 3 * kPack + i] >= 0) {
+                    occluder = fr.shadowIndex.p[at + 3 * kPack + i];
+                    break;
+                }
+            for (int i = 0; i < kPackRays; ++i) {
+                blocked += primary[at + i] >= 0 && fr.mask.p[at + i] < 0;
+                cached += occluder >= 0 && primary[at + i] >= 0 && fr.shadowIndex.p[at + i] == occluder;
+            }
+            for (int ty = 0; ty < kPack; ty += 4)
+                for (int tx = 0; tx < kPack; tx += 4) {
+                    int codes = 0;
+                    for (int k = 0; k < 16; ++k) {
+                        const size_t i = at + size_t(ty + k / 4) * kPack + tx + k % 4;
+                        if (primary[i] < 0 || (occluder >= 0 && fr.shadowIndex.p[i] == occluder))
+                            continue;
+                        codes |= 1 << ((fr.sx.p[i] < 0) | (fr.sy.p[i] < 0) << 1 | (fr.sz.p[i] < 0) << 2);
+                    }
+                    tiles += codes != 0;
+                    split += codes != 0 && (codes & (codes - 1)) != 0;
+                }
+        }
+        byOccluder = blocked ? double(cached) / blocked : 0.0;
+        splitTiles = tiles ? double(split) / tiles : 0.0;
+    };
     auto occludedShare = [&] {
         size_t occluded = 0;
         for (size_t i = 0; i < kRays; ++i) occluded += primary[i] >= 0 && fr.mask.p[i] < 0;
@@ -439,11 +487,20 @@ void run(const std::string& name, const qelr_example::Mesh& mesh, const Camera& 
     std::printf("\n");
     for (int k = 0; k < 3; ++k) {
         aimAt(chosen[k]);
+        std::memcpy(usx.data() + 1, fr.sx.p, kRays * sizeof(float));
+        std::memcpy(usy.data() + 1, fr.sy.p, kRays * sizeof(float));
+        std::memcpy(usz.data() + 1, fr.sz.p, kRays * sizeof(float));
         forPacks(1, [&](int p) { shadowPack(Isa::sse3, p); });
+        forPacks(1, [&](int p) { shadowPackUnaligned(Isa::sse3, p); });
         const std::vector<int> ourMask(fr.mask.p, fr.mask.p + kRays);
+        bool masksAgree = true;
+        for (size_t i = 0; i < kRays; ++i) masksAgree = masksAgree && (ourMask[i] < 0) == (umask[i + 1] < 0);
+        double byOccluder = 0, splitTiles = 0;
+        packetProfile(byOccluder, splitTiles);
         Timer timer;
-        std::vector<int> ours;
+        std::vector<int> ours, oneRay;
         for (Isa isa : isas) ours.push_back(timer.add([&, isa] { forPacks(1, [&](int p) { shadowPack(isa, p); }); }));
+        for (Isa isa : isas) oneRay.push_back(timer.add([&, isa] { forPacks(1, [&](int p) { shadowPackUnaligned(isa, p); }); }));
 #ifdef QELR_BENCH_HAVE_EMBREE
         forPacks(1, embreeShadow1);
         size_t agree = 0;
@@ -466,7 +523,18 @@ void run(const std::string& name, const qelr_example::Mesh& mesh, const Camera& 
         for (int t : ours) std::printf(" %5.2f", timer.cpuMedian(o8) / timer.cpuMedian(t));
         std::printf("  (agree %.3f %%)", hits ? 100.0 * agree / hits : 100.0);
 #endif
-        std::printf("\n");
+        std::printf("\n  %-34s", "  one-ray path (unaligned planes)");
+        for (int t : oneRay) std::printf(" %8.2f", ms / timer.cpuMedian(t));
+        if (oneRay.size() == 1) std::printf(" %8s", "-");
+#ifdef QELR_BENCH_HAVE_EMBREE
+        std::printf(" %8s %8s  ", "", "");
+        for (int t : oneRay) std::printf(" %5.2f", timer.cpuMedian(o1) / timer.cpuMedian(t));
+        std::printf(" |");
+        for (int t : oneRay) std::printf(" %5.2f", timer.cpuMedian(o8) / timer.cpuMedian(t));
+#endif
+        std::printf("\n    blocked rays finished by the cached occluder %.1f %%, tiles split by "
+                    "octant %.1f %%, occlusion same on both paths: %s\n",
+                    100.0 * byOccluder, 100.0 * splitTiles, masksAgree ? "yes" : "no");
     }
 #ifdef QELR_BENCH_HAVE_EMBREE
     rtcReleaseScene(es);
