@@ -30,7 +30,8 @@ using Row = F32<4>;
 using RowI = I32<4>;
 
 // A direction component of magnitude up to kTinyComponent is replaced by this
-// value before its inverse is taken (0x37480000); the octant follows it.
+// value before its inverse is taken: 100 float epsilons (0x37480000), whose
+// inverse is the one-ray any-hit form's kAnyTinyInverse. The octant follows it.
 constexpr float kPacketTinyComponent = 1.1920929e-5f;
 
 // The lane vector that holds a full tile as two groups: eight lanes (two rows)
