@@ -6,6 +6,7 @@
 #include "core/impl.h"
 #include "raycast/intersect_paths.h"
 #include "raycast/kd_walk.h"
+#include "raycast/ray_lanes.h"
 #include "simd/target.h"
 
 namespace qelr::QELR_ISA::raycast {
@@ -64,10 +65,59 @@ Ray rayAt(const float* origin, const float* const* origins, const float* const d
     return r;
 }
 
+// The rays of pack elements [i, i + kRayLanes): shared or own origins.
+LaneRays lanesAt(const float* origin, const float* const* origins, const float* const dirs[3],
+                 ptrdiff_t i) {
+    LaneRays r;
+    for (int c = 0; c < 3; ++c) {
+        r.o[c] = origins ? Vf::loadu(origins[c] + i) : Vf(origin[c]);
+        r.d[c] = Vf::loadu(dirs[c] + i);
+    }
+    return r;
+}
+
+// Writes the lanes of a group that found a triangle (index for all lanes).
+void storeNearest(const LaneHits& h, float* dist, float* const uv[2], int* index, ptrdiff_t i) {
+    alignas(32) float best[kRayLanes], u[kRayLanes], v[kRayLanes];
+    alignas(32) int32_t found[kRayLanes];
+    store(best, h.best);
+    store(u, h.u);
+    store(v, h.v);
+    store(found, h.index);
+    for (int l = 0; l < kRayLanes; ++l) {
+        index[i + l] = found[l];
+        if (found[l] < 0) continue;
+        dist[i + l] = best[l];
+        uv[0][i + l] = u[l];
+        uv[1][i + l] = v[l];
+    }
+}
+
+// nearestRay on kRayLanes rays at once.
+void nearestLanes(const float* origin, const float* const* origins, const float* const dirs[3],
+                  float* dist, float* const uv[2], int* index, const QelTraceScene& scene,
+                  ptrdiff_t i) {
+    LaneRays r = lanesAt(origin, origins, dirs, i);
+    setLaneInverses(r, kNearestTinyInverse);
+    LaneHits h{Vf::loadu(dist + i), Vf::zero(), Vf::zero(), Vi(-1)};
+    Vf tnear = Vf::zero(), tfar = h.best;
+    const Vf live = clipLanes(r, scene.bounds, tnear, tfar);
+    tfar = tfar + Vf(kFarSlack);
+    byOctant(r, live, [&](int octant, Vf lanes) {
+        walkLanes<false>(scene, r, octant, lanes, tnear, tfar, kSplitTolerance, h,
+                         [](int32_t) { return Vf::zero(); });
+    });
+    storeNearest(h, dist, uv, index, i);
+}
+
+// Groups of kRayLanes rays on the lanes, the rest one by one: the same bits.
 void nearestRays(const float* origin, const float* const* origins, const float* const dirs[3],
                  float* dist, float* const uv[2], int* index, const QelTraceScene& scene,
                  int64_t count) {
-    for (int64_t i = 0; i < count; ++i) {
+    int64_t i = 0;
+    for (; i + kRayLanes <= count; i += kRayLanes)
+        nearestLanes(origin, origins, dirs, dist, uv, index, scene, i);
+    for (; i < count; ++i) {
         Ray ray = rayAt(origin, origins, dirs, i);
         float u, v;
         int32_t hit;
@@ -137,6 +187,90 @@ void multipleRay(const QelTraceScene& scene, Ray& ray, float* dist, float* const
     }
 }
 
+// multipleRay on kRayLanes rays at once (all lanes go through the same
+// layers until they miss; the recent-hits lists fill alike).
+void multipleLanes(const QelTraceScene& scene, const float origin[3], const float* const dirs[3],
+                   float* dist, float* const uv[2], int* index, ptrdiff_t i, ptrdiff_t stride,
+                   int layers) {
+    LaneRays r = lanesAt(origin, nullptr, dirs, i);
+    setLaneInverses(r, kNearestTinyInverse);
+    Vf tnear = Vf::zero(), tfar = Vf::loadu(dist + i);
+    Vf live = clipLanes(r, scene.bounds, tnear, tfar);
+    tfar = tfar + Vf(kFarSlack);
+    Vi recent[8];
+    Vi previous(-1);
+    const float* bounds = scene.bounds;
+    for (int h = 0;; ++h) {
+        const ptrdiff_t at = i + h * stride;
+        const int checked = h % 8;
+        LaneHits hit{Vf::loadu(dist + at), Vf::zero(), Vf::zero(), Vi(-1)};
+        byOctant(r, live, [&](int octant, Vf lanes) {
+            walkLanes<false>(scene, r, octant, lanes, tnear, tfar, kLayerSplitTolerance, hit,
+                             [&](int32_t tri) {
+                                 const Vi t(tri);
+                                 Vi out = previous == t;
+                                 for (int s = 0; s < checked; ++s) out = out | (recent[s] == t);
+                                 return simd::asFloat(out);
+                             });
+        });
+        live = live & simd::asFloat(hit.index > Vi(-1));
+        if (!anyLane(live)) return;
+        const int lanes = laneBits(live);
+        alignas(32) float best[kRayLanes], u[kRayLanes], v[kRayLanes];
+        alignas(32) int32_t found[kRayLanes];
+        store(best, hit.best);
+        store(u, hit.u);
+        store(v, hit.v);
+        store(found, hit.index);
+        for (int l = 0; l < kRayLanes; ++l) {
+            if (!((lanes >> l) & 1)) continue;
+            dist[at + l] = best[l];
+            uv[0][at + l] = u[l];
+            uv[1][at + l] = v[l];
+            index[at + l] = found[l];
+            if (h >= 1) dist[at + l] = dist[at + l] + dist[at + l - stride];
+        }
+        for (int c = 0; c < 3; ++c) r.o[c] = select(live, r.o[c] + hit.best * r.d[c], r.o[c]);
+        recent[checked] = hit.index;
+        previous = hit.index;
+        if (h + 1 == layers) return;
+        for (int l = 0; l < kRayLanes; ++l) {
+            if (!((lanes >> l) & 1)) continue;
+            index[at + stride + l] = -1;
+            dist[at + stride + l] = FLT_MAX;
+        }
+        // The next layer runs from the new origin to where the ray leaves the box.
+        tnear = Vf::zero();
+        Vf leave(FLT_MAX);
+        for (int a = 0; a < 3; ++a) {
+            const Vf t1 = (Vf(bounds[a]) - r.o[a]) * r.inv[a];
+            const Vf t2 = (Vf(bounds[a + 3]) - r.o[a]) * r.inv[a];
+            const Vf out = select(t1 > t2, t1, t2);
+            leave = select(out < leave, out, leave);
+        }
+        tfar = leave + Vf(kFarSlack);
+    }
+}
+
+// anyHitRay on kRayLanes rays at once (mask and index of the lanes whose
+// mask is not negative).
+void anyHitLanes(const QelTraceScene& scene, const float origin[3], const float* const dirs[3],
+                 int* index, int* mask, ptrdiff_t i) {
+    storeu(index + i, Vi(-1));
+    const Vi m = Vi::loadu(mask + i);
+    const Vf live = simd::asFloat(m > Vi(-1));
+    if (!anyLane(live)) return;
+    LaneRays r = lanesAt(origin, nullptr, dirs, i);
+    setLaneInverses(r, kAnyTinyInverse);
+    LaneHits h{Vf(1.0f), Vf::zero(), Vf::zero(), Vi(-1)};
+    byOctant(r, live, [&](int octant, Vf lanes) {
+        walkLanes<true>(scene, r, octant, lanes, Vf::zero(), Vf(kShadowFarEnd), kSplitTolerance,
+                        h, [](int32_t) { return Vf::zero(); });
+    });
+    storeu(mask + i, select(h.index > Vi(-1), Vi(-1), m));
+    storeu(index + i, h.index);
+}
+
 }  // namespace
 
 int32_t anyHitRay(const QelTraceScene& scene, const Ray& ray) {
@@ -144,7 +278,7 @@ int32_t anyHitRay(const QelTraceScene& scene, const Ray& ray) {
     const float limit = 1.0f;
     int32_t found = -1;
     TriangleHit hit{};
-    walkRay(scene.root, ray, 0.0f, 1.0001f, kSplitTolerance, limit, [&](const KDTreeNode* leaf) {
+    walkRay(scene.root, ray, 0.0f, kShadowFarEnd, kSplitTolerance, limit, [&](const KDTreeNode* leaf) {
         return forEachTriangle(leaf, [&](int32_t tri) {
             if (!hitTriangle(accel[tri], ray, limit, hit)) return false;
             found = tri;
@@ -197,7 +331,9 @@ QelStatus qelrIntersectAnySO_32f(const float origin[3], const float* const dirs[
         return qelOk;
     }
     const int64_t count = int64_t{size.width} * size.height;
-    for (int64_t i = 0; i < count; ++i) {
+    int64_t i = 0;
+    for (; i + kRayLanes <= count; i += kRayLanes) anyHitLanes(*scene, origin, dirs, index, mask, i);
+    for (; i < count; ++i) {
         index[i] = -1;
         if (mask[i] < 0) continue;
         Ray ray = rayAt(origin, nullptr, dirs, i);
@@ -211,8 +347,9 @@ QelStatus qelrIntersectAnySO_32f(const float origin[3], const float* const dirs[
     return qelOk;
 }
 
-// Both paths trace ray by ray: after the first layer every ray has its own
-// origin and its own excluded triangles, which a shared packet cannot use.
+// Both paths trace with the one-ray rules (kRayLanes rays at a time): after
+// the first layer every ray has its own origin and its own excluded
+// triangles, which a shared packet cannot use.
 QelStatus qelrIntersectMultipleSO_32f(const float origin[3], const float* const dirs[3],
                                       float* dist, float* const uv[2], int* index,
                                       const QelLayeredSize* size, const QelTraceScene* scene) {
@@ -222,7 +359,10 @@ QelStatus qelrIntersectMultipleSO_32f(const float origin[3], const float* const 
     const int64_t all = stride * layers;
     for (int64_t i = 0; i < all; ++i) index[i] = -1;
     if (width <= 0 || layers < 1) return qelOk;
-    for (int64_t i = 0; i < stride; ++i) {
+    int64_t i = 0;
+    for (; i + kRayLanes <= stride; i += kRayLanes)
+        multipleLanes(*scene, origin, dirs, dist, uv, index, i, stride, layers);
+    for (; i < stride; ++i) {
         Ray ray = rayAt(origin, nullptr, dirs, i);
         multipleRay(*scene, ray, dist, uv, index, i, stride, layers);
     }

@@ -11,16 +11,28 @@
 
 namespace qelr::QELR_ISA::raycast {
 
-// Largest magnitude of a direction component that counts as zero.
+// Largest magnitude of a direction component that counts as zero: the float
+// epsilon, 2^-23.
 constexpr float kTinyComponent = 1.1920929e-7f;
-// Inverse taken for such a component by the nearest-hit forms (0x4E480000).
+// Inverse taken for such a component by the nearest-hit forms: 100 / epsilon
+// (0x4E480000), large enough that the axis never decides a split.
 constexpr float kNearestTinyInverse = 838860800.0f;
-// Inverse taken for such a component by the any-hit form (0x47A3D70A).
+// Inverse taken for such a component by the any-hit form: 1 / (100 epsilon)
+// rounded to float (0x47A3D70A), the magnitude the packets use; it differs on
+// purpose from the nearest-hit value and is kept as the results have it.
 constexpr float kAnyTinyInverse = 83886.078125f;
-// Slack added to the far end of a ray's interval before the traversal.
+// Slack added to the far end of a ray's interval before the traversal, so that
+// a hit at the very end of the interval is still reached.
 constexpr float kFarSlack = 0.0001f;
-// Traversal tolerance of the nearest and any-hit forms, and of the multiple-hit form.
+// Far end of a shadow ray's interval: the accepted range 0 < t < 1 with the
+// slack above on its far end.
+constexpr float kShadowFarEnd = 1.0001f;
+static_assert(kShadowFarEnd == 1.0f + kFarSlack);
+// Traversal tolerance of the one-ray nearest and any-hit forms: a split this
+// close to the interval's ends still sends the ray to both children.
 constexpr float kSplitTolerance = 1e-5f;
+// The wider tolerance of the multiple-hit form, whose later layers start on a
+// surface and would otherwise miss neighbours across a split.
 constexpr float kLayerSplitTolerance = 0.00019f;
 // The capacity of a traversal stack: the builder limits the depth to 50.
 constexpr int kStackDepth = 50;

@@ -1,7 +1,7 @@
 // Test scenes for the ray casting tests: meshes, accelerator records, a small
 // KD-tree writer that uses every node form (inner nodes, empty, listed and all
-// inline leaves), ray planes with a chosen alignment, and a brute-force oracle
-// (the triangle test over every triangle, no tree).
+// inline leaves), ray planes with a chosen alignment, and a double-precision
+// brute-force oracle over every triangle (no tree, no records).
 #pragma once
 
 #include <qelr.h>
@@ -225,45 +225,48 @@ class Plane {
     size_t skew_;
 };
 
-// The triangle test written out on its own: t, the weights B/den, C/den.
-struct OracleHit {
-    bool inside;
-    float t, b, c;
-};
-inline OracleHit oracleTest(const TriangleAccel& r, const float o[3], const float d[3]) {
-    if (r.axes == 0) return {false, 0, 0, 0};
-    const int kv = r.axes & 3, ku = (r.axes >> 2) & 3, k = (r.axes >> 4) & 3;
-    const float den = r.nu * d[ku] + r.nv * d[kv] + d[k];
-    const float a = r.pu - o[ku], b = r.pv - o[kv];
-    const float num = (r.pk + r.nu * a + r.nv * b) - o[k];
-    const float q1 = d[ku] * num - a * den, q2 = d[kv] * num - b * den;
-    const float B = r.e1 * q1 - r.e0 * q2, C = r.e2 * q2 - r.e3 * q1;
-    const bool inside = (den - B - C) * B >= 0 && B * C >= 0 && (den - B - C) * C >= 0;
-    return {inside, num / den, B / den, C / den};
-}
-
-struct OracleResult {
-    int index = -1;
-    float t = 0, b = 0, c = 0;
+// The exact-arithmetic oracle: every triangle of the mesh intersected in
+// double precision from its vertices (not from the accelerator records), with
+// how far the hit lies inside the triangle, so that a caller can tell hits
+// the float arithmetic must find from those within rounding of an edge.
+struct ExactHit {
+    int index;
+    double t, u, v;  // u, v: the weights of the first and second vertex
+    double margin;   // the smallest of the three weights
 };
 
-// Nearest triangle with 0 < t < maxDist, every triangle in index order, each
-// skipped when excluded(tri).
-template <class Excluded>
-OracleResult oracleNearest(const std::vector<TriangleAccel>& rec, const float o[3],
-                           const float d[3], float maxDist, Excluded excluded) {
-    OracleResult r;
-    r.t = maxDist;
-    for (int t = 0; t < static_cast<int>(rec.size()); ++t) {
-        if (excluded(t)) continue;
-        const OracleHit h = oracleTest(rec[t], o, d);
-        if (h.inside && r.t > h.t && h.t > 0) r = {t, h.t, h.b, h.c};
+inline std::vector<ExactHit> exactHits(const Mesh& m, const float o[3], const float d[3]) {
+    std::vector<ExactHit> hits;
+    for (int tri = 0; tri < m.triangles(); ++tri) {
+        double p[3][3];
+        for (int k = 0; k < 3; ++k)
+            for (int a = 0; a < 3; ++a) p[k][a] = m.vertices[3 * m.indices[4 * tri + k] + a];
+        double e1[3], e2[3], s[3];
+        for (int a = 0; a < 3; ++a) {
+            e1[a] = p[1][a] - p[0][a];
+            e2[a] = p[2][a] - p[0][a];
+            s[a] = o[a] - p[0][a];
+        }
+        auto cross = [](const double* x, const double* y, double* z) {
+            z[0] = x[1] * y[2] - x[2] * y[1];
+            z[1] = x[2] * y[0] - x[0] * y[2];
+            z[2] = x[0] * y[1] - x[1] * y[0];
+        };
+        auto dot = [](const double* x, const double* y) {
+            return x[0] * y[0] + x[1] * y[1] + x[2] * y[2];
+        };
+        double n[3], dd[3] = {d[0], d[1], d[2]}, pv[3], qv[3];
+        cross(e1, e2, n);
+        if (dot(n, n) < 1e-14) continue;  // collinear: the library never hits it
+        cross(dd, e2, pv);
+        const double det = dot(e1, pv);
+        if (det == 0.0) continue;
+        cross(s, e1, qv);
+        const double b1 = dot(s, pv) / det, b2 = dot(dd, qv) / det, t = dot(e2, qv) / det;
+        const double b0 = 1.0 - b1 - b2;
+        hits.push_back({tri, t, b0, b1, std::min({b0, b1, b2})});
     }
-    return r;
-}
-inline OracleResult oracleNearest(const std::vector<TriangleAccel>& rec, const float o[3],
-                                  const float d[3], float maxDist) {
-    return oracleNearest(rec, o, d, maxDist, [](int) { return false; });
+    return hits;
 }
 
 }  // namespace qelr_test
