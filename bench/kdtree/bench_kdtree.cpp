@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "accel/kd_node.h"
 #include "mesh_io.h"
 #include "scene_gen.h"
 
@@ -27,6 +28,7 @@
 namespace {
 
 using qelr_example::Mesh;
+namespace kdnode = qelr::kdnode;
 using Clock = std::chrono::steady_clock;
 
 // Processor time of the whole process (all threads), in seconds: on a busy
@@ -71,17 +73,17 @@ TreeStats walk(const KDTreeNode* tree, int bytes) {
         const Item it = stack.back();
         stack.pop_back();
         s.maxDepth = std::max(s.maxDepth, it.depth);
-        const int32_t w0 = it.node->word0, w1 = it.node->word1;
-        if (w0 >= 0) {
+        const kdnode::Words w = kdnode::load(it.node);
+        if (!kdnode::isLeaf(w)) {
             ++s.inner;
             const auto* child = reinterpret_cast<const KDTreeNode*>(
-                reinterpret_cast<const char*>(it.node) + (w0 & ~7));
+                reinterpret_cast<const char*>(it.node) + kdnode::childOffset(w));
             stack.push_back({child, it.depth + 1});
             stack.push_back({child + 1, it.depth + 1});
             continue;
         }
         ++s.leaves;
-        const long count = w1 < 0 ? (w1 & 3) : w1;
+        const long count = kdnode::leafCount(w);
         s.refs += count;
         s.emptyLeaves += count == 0;
     }

@@ -96,10 +96,6 @@ inline int sideOf(const TriRef& r, const SplitPlane& s) {
 // Output of the build: node records and leaf lists are streamed into blocks
 // charged to the budget, then written into the final tree in one block.
 
-// Encodes a leaf of one to three triangles inline. Returns false when the
-// leaf needs a list.
-bool encodeInlineLeaf(const int32_t* tris, int32_t count, int32_t& word0, int32_t& word1);
-
 class TreeStream {
  public:
     TreeStream(uint32_t budgetBytes, uint32_t blockBytes);
