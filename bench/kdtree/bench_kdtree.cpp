@@ -3,6 +3,7 @@
 // Embree's high-quality single-thread BVH build of the same triangles.
 //
 // Usage: bench_kdtree [repetitions] [largest scene in triangles]
+//        bench_kdtree coplanar [repetitions]
 // Times are medians over the repetitions. The build scores large nodes with
 // one thread per axis; OMP_THREAD_LIMIT=1 gives the single-thread figures.
 #include <qelr.h>
@@ -150,9 +151,70 @@ Timing buildEmbree(RTCDevice device, const Mesh& m, int reps) {
 }
 #endif
 
+// Overlapping triangles in one axis-aligned plane (decals, doubled faces,
+// 2-D meshes): triangles of size about 2 placed at random in [0, 10]^2 at
+// z = 1.
+static float kSpread = 1.0f;
+Mesh coplanarScene(int n, uint32_t seed) {
+    Mesh m;
+    uint32_t state = seed;
+    auto next = [&]() {
+        state = state * 1664525u + 1013904223u;
+        return static_cast<float>(state >> 8) * (10.0f / 16777216.0f);
+    };
+    for (int t = 0; t < n; ++t) {
+        const float cx = next(), cy = next();
+        for (int c = 0; c < 3; ++c) {
+            m.vertices.insert(m.vertices.end(),
+                              {cx + kSpread * (next() - 5.0f), cy + kSpread * (next() - 5.0f), 1.0f});
+            m.indices.push_back(3 * t + c);
+        }
+        m.indices.push_back(0);
+    }
+    return m;
+}
+
+// The coplanar cases: build time, status and size at a depth limit, with
+// and without a memory budget that stops the build.
+void runCoplanar(int reps) {
+    struct Case {
+        int n;
+        uint32_t depth, budgetMb;
+    };
+    std::printf("%-28s %8s %8s %10s %8s\n", "coplanar case", "wall s", "cpu s", "bytes", "status");
+    for (const Case c : {Case{686, 8, 4095}, Case{686, 10, 4095}, Case{686, 12, 4095}, Case{686, 14, 4095},
+                         Case{3000, 30, 256}}) {
+        const Mesh m = coplanarScene(c.n, 7);
+        const KDTreeBuildParams params = {qelKdCostDriven, c.depth, 1.0f, c.budgetMb, 0};
+        std::vector<double> wall, cpu;
+        int size = 0;
+        QelStatus st = qelOk;
+        for (int r = 0; r < reps; ++r) {
+            KDTreeNode* tree = nullptr;
+            const double c0 = cpuSeconds();
+            const auto t0 = Clock::now();
+            st = qelrKDTreeBuildAlloc(&tree, m.vertices.data(), m.indices.data(), m.vertexCount(),
+                                      m.triangleCount(), &size, &params);
+            wall.push_back(std::chrono::duration<double>(Clock::now() - t0).count());
+            cpu.push_back(cpuSeconds() - c0);
+            if (st == qelOk) qelrKDTreeFree(tree);
+        }
+        const Timing t = medians(wall, cpu);
+        char name[64];
+        std::snprintf(name, sizeof name, "%d tris depth %u budget %u MB", c.n, c.depth, c.budgetMb);
+        std::printf("%-28s %8.3f %8.3f %10d %8d\n", name, t.wall, t.cpu, st == qelOk ? size : 0, st);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (argc > 1 && std::strcmp(argv[1], "coplanar") == 0) {
+        if (argc > 3) kSpread = std::atof(argv[3]);
+        runCoplanar(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3);
+        return 0;
+    }
     const int reps = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const int largest = argc > 2 ? std::atoi(argv[2]) : 1000000;
 #ifdef QELR_BENCH_HAVE_EMBREE

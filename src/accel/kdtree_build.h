@@ -25,11 +25,14 @@ struct Box3 {
 };
 
 // A triangle reference inside a node: the triangle's index and the box of the
-// part of the triangle that lies inside the node's cell.
+// part of the triangle that lies inside the node's cell. coversCell: the
+// triangle is flat and covers the whole cell (then it covers every cell below
+// too, and its part in a child cell is simply the box narrowed to that cell).
 struct TriRef {
     int32_t tri;
     float mn[3];
     float mx[3];
+    int32_t coversCell = 0;
 };
 
 struct CostDrivenInput {
@@ -65,6 +68,16 @@ void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref);
 // the reference in the cell.
 void clipToChildren(const double tri[3][3], const Box3& cell, int axis, float position,
                     TriRef& below, TriRef& above);
+
+// Whether triangle `tri`, flat on an axis, covers the whole face of `cell`
+// across that axis with a margin far above the rounding of the clipping, so
+// that clipping it to the cell or to any cell inside gives the cell's face:
+// clipToCell and clipToChildren then return the reference's box narrowed to
+// the cell. False for triangles that are not flat.
+bool coversCell(const double tri[3][3], const Box3& cell);
+
+// The reference's box intersected with the cell.
+void narrowToCell(const Box3& cell, TriRef& ref);
 
 // Rules of the cost model that the builder and the brute-force oracle share.
 // The per-node quality factor f, computed once per build.
