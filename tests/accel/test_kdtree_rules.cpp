@@ -201,6 +201,25 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
     }
 }
 
+// Overlapping triangles in one plane: the tree doubles with depth; the
+// builder's shortcuts for flat cells must give the same bytes, and a budget
+// below the tree stops the build.
+TEST(KDTreeRules, CoplanarOverlapSameTreeAsBruteForce) {
+    const Scene s = kdtest::coplanarScene(40, 5);
+    constexpr uint32_t kDepth = 16;
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    ASSERT_EQ(bruteForceTree(s, kDepth, 1.0f, &tree, &size), qelOk);
+    const std::vector<uint8_t> expect(reinterpret_cast<uint8_t*>(tree),
+                                      reinterpret_cast<uint8_t*>(tree) + size);
+    qelr::impl::qelrKDTreeFree(tree);
+    EXPECT_EQ(libraryTree(s, kDepth, 1.0f), expect);
+    QelStatus st = qelOk;
+    const uint32_t block = kOutputBlockHeaderBytes + 1024;
+    libraryTree(s, kDepth, 1.0f, static_cast<uint32_t>(size) / 2, block, &st);
+    EXPECT_EQ(st, qelErrMemoryBudget);
+}
+
 TEST(KDTreeRules, InlineLeafEncoding) {
     auto enc = [](std::vector<int32_t> t, uint32_t w0, uint32_t w1) {
         qelr::kdnode::Words w{0, 0};
