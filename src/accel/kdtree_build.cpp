@@ -326,6 +326,13 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     below.refCount = nBelow;
 
     for (int b = 0; b < 3; ++b) {
+        // An axis that the cell cannot be split on (too thin on it, or on
+        // both others) stays so in every cell below: its events are dropped.
+        if (!axisFrame(t.cell, b).usable) {
+            below.evBegin[b] = above.evBegin[b] = t.evBegin[b];
+            below.evCount[b] = above.evCount[b] = 0;
+            continue;
+        }
         const QelStatus st = splitEvents(t, b, straddlers, below, above);
         if (st != qelOk) return st;
     }
