@@ -40,11 +40,12 @@ void clipPlane(const Polygon& in, int axis, double value, bool keepAbove, Polygo
     out.count = 0;
     if (in.count == 0) return;
     auto inside = [&](const double* q) { return keepAbove ? q[axis] >= value : q[axis] <= value; };
+    bool inb = inside(in.p[0]);
     for (int i = 0; i < in.count; ++i) {
         const double* a = in.p[i];
-        const double* b = in.p[(i + 1) % in.count];
-        const bool ina = inside(a);
-        const bool inb = inside(b);
+        const double* b = in.p[i + 1 == in.count ? 0 : i + 1];
+        const bool ina = inb;
+        inb = inside(b);
         if (ina && out.count < 12) {
             for (int k = 0; k < 3; ++k) out.p[out.count][k] = a[k];
             ++out.count;

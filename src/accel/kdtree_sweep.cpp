@@ -18,10 +18,14 @@ namespace qelr::QELR_ISA::accel {
 namespace {
 constexpr float kMinExtent = 1e-5f;
 constexpr double kEmptySpaceWeight = 0.699999988079071;  // 0.7f widened
+// Scale of the split threshold f = (10 - 9 quality) * kCostFactor: part of
+// the build rules (quality 1 weighs a split at about half the leaf cost), so
+// changing it changes every tree.
+constexpr double kCostFactor = 0.5057569742202759;
 }  // namespace
 
 float qualityFactor(float quality) {
-    return static_cast<float>((10.0 - 9.0 * static_cast<double>(quality)) * 0.5057569742202759);
+    return static_cast<float>((10.0 - 9.0 * static_cast<double>(quality)) * kCostFactor);
 }
 
 double leafCost(const Box3& cell, int32_t n) {
