@@ -33,7 +33,6 @@ namespace qelr::QELR_ISA::accel {
 namespace {
 
 constexpr double kMinThreshold = 9.999999747378752e-06;
-constexpr float kMinExtent = 1e-5f;
 constexpr uint32_t kRouteIndexMask = 0x3FFFFFFFu;
 constexpr int64_t kCutStride = 4;
 
@@ -328,7 +327,7 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     for (int b = 0; b < 3; ++b) {
         // An axis that the cell cannot be split on (too thin on it, or on
         // both others) stays so in every cell below: its events are dropped.
-        if (!axisFrame(t.cell, b).usable) {
+        if (!axisUsable(t.cell, b)) {
             below.evBegin[b] = above.evBegin[b] = t.evBegin[b];
             below.evCount[b] = above.evCount[b] = 0;
             continue;
