@@ -3,7 +3,7 @@
 // Embree's high-quality single-thread BVH build of the same triangles.
 //
 // Usage: bench_kdtree [repetitions] [largest scene in triangles, 1M by default; 4000000 adds 4M]
-//        bench_kdtree coplanar [repetitions]
+//        bench_kdtree coplanar [repetitions] [triangle size / 10, 1 by default]
 // Times are medians over the repetitions. The build scores large nodes with
 // one thread per axis; OMP_THREAD_LIMIT=1 gives the single-thread figures.
 #include <qelr.h>
@@ -152,10 +152,9 @@ Timing buildEmbree(RTCDevice device, const Mesh& m, int reps) {
 #endif
 
 // Overlapping triangles in one axis-aligned plane (decals, doubled faces,
-// 2-D meshes): triangles of size about 2 placed at random in [0, 10]^2 at
-// z = 1.
-static float kSpread = 1.0f;
-Mesh coplanarScene(int n, uint32_t seed) {
+// 2-D meshes) at z = 1: random centres in [0, 10]^2, corners within
+// 5 * spread of them (spread 1: every triangle overlaps most others).
+Mesh coplanarScene(int n, uint32_t seed, float spread) {
     Mesh m;
     uint32_t state = seed;
     auto next = [&]() {
@@ -166,7 +165,7 @@ Mesh coplanarScene(int n, uint32_t seed) {
         const float cx = next(), cy = next();
         for (int c = 0; c < 3; ++c) {
             m.vertices.insert(m.vertices.end(),
-                              {cx + kSpread * (next() - 5.0f), cy + kSpread * (next() - 5.0f), 1.0f});
+                              {cx + spread * (next() - 5.0f), cy + spread * (next() - 5.0f), 1.0f});
             m.indices.push_back(3 * t + c);
         }
         m.indices.push_back(0);
@@ -176,7 +175,7 @@ Mesh coplanarScene(int n, uint32_t seed) {
 
 // The coplanar cases: build time, status and size at a depth limit, with
 // and without a memory budget that stops the build.
-void runCoplanar(int reps) {
+void runCoplanar(int reps, float spread) {
     struct Case {
         int n;
         uint32_t depth, budgetMb;
@@ -184,7 +183,7 @@ void runCoplanar(int reps) {
     std::printf("%-28s %8s %8s %10s %8s\n", "coplanar case", "wall s", "cpu s", "bytes", "status");
     for (const Case c : {Case{686, 16, 4095}, Case{686, 18, 4095}, Case{686, 20, 4095}, Case{686, 22, 4095},
                          Case{3000, 30, 256}}) {
-        const Mesh m = coplanarScene(c.n, 7);
+        const Mesh m = coplanarScene(c.n, 7, spread);
         const KDTreeBuildParams params = {qelKdCostDriven, c.depth, 1.0f, c.budgetMb, 0};
         std::vector<double> wall, cpu;
         int size = 0;
@@ -211,8 +210,8 @@ void runCoplanar(int reps) {
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     if (argc > 1 && std::strcmp(argv[1], "coplanar") == 0) {
-        if (argc > 3) kSpread = std::atof(argv[3]);
-        runCoplanar(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3);
+        runCoplanar(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3,
+                    argc > 3 ? static_cast<float>(std::atof(argv[3])) : 1.0f);
         return 0;
     }
     const int reps = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
