@@ -195,6 +195,16 @@ QELR_API QelStatus qelrTriangleAccelInit(TriangleAccel* records, const float* ve
 /* box: min x, min y, min z, max x, max y, max z, widened slightly. */
 QELR_API QelStatus qelrSetBoundBox_32f(const float* vertices, int vertexCount, float* box);
 
+/* Warning (cost-driven build): many triangles that overlap in one
+ * axis-aligned plane (decals, doubled faces, 2-D meshes) make every split of
+ * a flat cell look profitable, and each split copies the overlapping
+ * triangles into both children. Such a tree can double with every level of
+ * depth: it is bounded only by the depth limit, at most
+ * 2^depthLimit * (16 + 4 * overlapping triangles) bytes, and by the memory
+ * budget, which ends the build with qelErrMemoryBudget. For such meshes
+ * choose the depth limit from that bound (for example 16 for a few hundred
+ * overlapping triangles keeps the tree below about 100 MB), or move the
+ * overlapping triangles apart. */
 QELR_API QelStatus qelrKDTreeBuildAlloc(KDTreeNode** outTree, const float* vertices,
                                         const int* triangleIndices, int vertexCount,
                                         int triangleCount, int* outTreeSize,

@@ -2,7 +2,8 @@
 // scenes of 10k to 1M triangles and for a real mesh, side by side with
 // Embree's high-quality single-thread BVH build of the same triangles.
 //
-// Usage: bench_kdtree [repetitions] [largest scene in triangles]
+// Usage: bench_kdtree [repetitions] [largest scene in triangles, 1M by default; 4000000 adds 4M]
+//        bench_kdtree coplanar [repetitions] [triangle size / 10, 1 by default]
 // Times are medians over the repetitions. The build scores large nodes with
 // one thread per axis; OMP_THREAD_LIMIT=1 gives the single-thread figures.
 #include <qelr.h>
@@ -17,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "accel/kd_node.h"
 #include "mesh_io.h"
 #include "scene_gen.h"
 
@@ -27,6 +29,7 @@
 namespace {
 
 using qelr_example::Mesh;
+namespace kdnode = qelr::kdnode;
 using Clock = std::chrono::steady_clock;
 
 // Processor time of the whole process (all threads), in seconds: on a busy
@@ -71,17 +74,17 @@ TreeStats walk(const KDTreeNode* tree, int bytes) {
         const Item it = stack.back();
         stack.pop_back();
         s.maxDepth = std::max(s.maxDepth, it.depth);
-        const int32_t w0 = it.node->word0, w1 = it.node->word1;
-        if (w0 >= 0) {
+        const kdnode::Words w = kdnode::load(it.node);
+        if (!kdnode::isLeaf(w)) {
             ++s.inner;
             const auto* child = reinterpret_cast<const KDTreeNode*>(
-                reinterpret_cast<const char*>(it.node) + (w0 & ~7));
+                reinterpret_cast<const char*>(it.node) + kdnode::childOffset(w));
             stack.push_back({child, it.depth + 1});
             stack.push_back({child + 1, it.depth + 1});
             continue;
         }
         ++s.leaves;
-        const long count = w1 < 0 ? (w1 & 3) : w1;
+        const long count = kdnode::leafCount(w);
         s.refs += count;
         s.emptyLeaves += count == 0;
     }
@@ -148,9 +151,69 @@ Timing buildEmbree(RTCDevice device, const Mesh& m, int reps) {
 }
 #endif
 
+// Overlapping triangles in one axis-aligned plane (decals, doubled faces,
+// 2-D meshes) at z = 1: random centres in [0, 10]^2, corners within
+// 5 * spread of them (spread 1: every triangle overlaps most others).
+Mesh coplanarScene(int n, uint32_t seed, float spread) {
+    Mesh m;
+    uint32_t state = seed;
+    auto next = [&]() {
+        state = state * 1664525u + 1013904223u;
+        return static_cast<float>(state >> 8) * (10.0f / 16777216.0f);
+    };
+    for (int t = 0; t < n; ++t) {
+        const float cx = next(), cy = next();
+        for (int c = 0; c < 3; ++c) {
+            m.vertices.insert(m.vertices.end(),
+                              {cx + spread * (next() - 5.0f), cy + spread * (next() - 5.0f), 1.0f});
+            m.indices.push_back(3 * t + c);
+        }
+        m.indices.push_back(0);
+    }
+    return m;
+}
+
+// The coplanar cases: build time, status and size at a depth limit, with
+// and without a memory budget that stops the build.
+void runCoplanar(int reps, float spread) {
+    struct Case {
+        int n;
+        uint32_t depth, budgetMb;
+    };
+    std::printf("%-28s %8s %8s %10s %8s\n", "coplanar case", "wall s", "cpu s", "bytes", "status");
+    for (const Case c : {Case{686, 16, 4095}, Case{686, 18, 4095}, Case{686, 20, 4095}, Case{686, 22, 4095},
+                         Case{3000, 30, 256}}) {
+        const Mesh m = coplanarScene(c.n, 7, spread);
+        const KDTreeBuildParams params = {qelKdCostDriven, c.depth, 1.0f, c.budgetMb, 0};
+        std::vector<double> wall, cpu;
+        int size = 0;
+        QelStatus st = qelOk;
+        for (int r = 0; r < reps; ++r) {
+            KDTreeNode* tree = nullptr;
+            const double c0 = cpuSeconds();
+            const auto t0 = Clock::now();
+            st = qelrKDTreeBuildAlloc(&tree, m.vertices.data(), m.indices.data(), m.vertexCount(),
+                                      m.triangleCount(), &size, &params);
+            wall.push_back(std::chrono::duration<double>(Clock::now() - t0).count());
+            cpu.push_back(cpuSeconds() - c0);
+            if (st == qelOk) qelrKDTreeFree(tree);
+        }
+        const Timing t = medians(wall, cpu);
+        char name[64];
+        std::snprintf(name, sizeof name, "%d tris depth %u budget %u MB", c.n, c.depth, c.budgetMb);
+        std::printf("%-28s %8.3f %8.3f %10d %8d\n", name, t.wall, t.cpu, st == qelOk ? size : 0, st);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (argc > 1 && std::strcmp(argv[1], "coplanar") == 0) {
+        runCoplanar(argc > 2 ? std::max(1, std::atoi(argv[2])) : 3,
+                    argc > 3 ? static_cast<float>(std::atof(argv[3])) : 1.0f);
+        return 0;
+    }
     const int reps = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const int largest = argc > 2 ? std::atoi(argv[2]) : 1000000;
 #ifdef QELR_BENCH_HAVE_EMBREE
@@ -161,7 +224,7 @@ int main(int argc, char** argv) {
         Mesh mesh;
     };
     std::vector<Case> cases;
-    for (int n : {10000, 100000, 250000, 1000000})
+    for (int n : {10000, 100000, 250000, 1000000, 4000000})
         if (n <= largest)
             cases.push_back({"procedural " + std::to_string(n / 1000) + "k",
                              qelr_example::makeProceduralScene(n)});
@@ -182,7 +245,7 @@ int main(int argc, char** argv) {
     double base = 0.0;
     for (const Case& c : cases) {
         const int n = c.mesh.triangleCount();
-        const int r = n >= 1000000 ? std::max(1, reps / 2) : reps;
+        const int r = n >= 4000000 ? 1 : n >= 1000000 ? std::max(1, reps / 2) : reps;
         const Result ours = buildOurs(c.mesh, r);
         Timing embree = {0.0, 0.0};
 #ifdef QELR_BENCH_HAVE_EMBREE

@@ -33,8 +33,32 @@ namespace qelr::QELR_ISA::accel {
 namespace {
 
 constexpr double kMinThreshold = 9.999999747378752e-06;
-constexpr float kMinExtent = 1e-5f;
 constexpr uint32_t kRouteIndexMask = 0x3FFFFFFFu;
+constexpr int64_t kCutStride = 4;
+
+// Which events of a cut reference on each axis stay valid in child c (0
+// below, 1 above): bit 6c + 2b for the start (or flat) event on axis b, the
+// next bit for the end event. An event stays when the child's box keeps that
+// end (bit for bit: a -0 event is not a +0 one) and the box is flat in both
+// or in neither.
+bool sameBits(float x, float y) {
+    uint32_t a, b;
+    std::memcpy(&a, &x, 4);
+    std::memcpy(&b, &y, 4);
+    return a == b;
+}
+
+uint32_t keepBits(const TriRef& before, const TriRef& after, int c) {
+    uint32_t bits = 0;
+    for (int b = 0; b < 3; ++b) {
+        const bool flatBefore = before.mn[b] == before.mx[b];
+        const bool flatAfter = after.mn[b] == after.mx[b];
+        if (flatBefore != flatAfter) continue;
+        if (sameBits(after.mn[b], before.mn[b])) bits |= 1u << (6 * c + 2 * b);
+        if (!flatAfter && sameBits(after.mx[b], before.mx[b])) bits |= 2u << (6 * c + 2 * b);
+    }
+    return bits;
+}
 
 // A growable working array from the library's memory services.
 template <class T>
@@ -154,7 +178,7 @@ class Builder {
     Pool<Event> events_[3];
     Pool<Event> fresh_[2];  // new events of cut triangles, per child
     Pool<uint32_t> route_;  // where each reference of the node goes
-    Pool<int32_t> cut_;     // references that the plane cuts, with their child indices
+    Pool<int32_t> cut_;     // references that the plane cuts (kCutStride entries each)
 };
 
 QelStatus Builder::initRoot(Task& root) {
@@ -168,6 +192,7 @@ QelStatus Builder::initRoot(Task& root) {
         if (!fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, t, v)) continue;
         TriRef& r = refs[n++];
         r.tri = t;
+        r.coversCell = 0;
         for (int a = 0; a < 3; ++a) {
             r.mn[a] = static_cast<float>(std::min({v[0][a], v[1][a], v[2][a]}));
             r.mx[a] = static_cast<float>(std::max({v[0][a], v[1][a], v[2][a]}));
@@ -230,9 +255,10 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     above.cell.mn[a] = plane.position;
     below.depth = above.depth = t.depth + 1;
 
-    // route[i]: side bits << 30 | index in the child, for references that go
-    // to one side; the cut ones are listed with both child indices.
-    if (!route_.reserve(n, 0) || !cut_.reserve(3 * static_cast<int64_t>(n), 0))
+    // route[i]: side bits << 30 | index in the child for references that go
+    // to one side, 3 << 30 | index in the cut list for the ones the plane cuts.
+    // A cut entry: the reference, its index in each child, its event keep bits.
+    if (!route_.reserve(n, 0) || !cut_.reserve(kCutStride * static_cast<int64_t>(n), 0))
         return qelErrNoMemory;
     uint32_t* route = route_.data();
     int32_t* cut = cut_.data();
@@ -246,10 +272,11 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
             } else if (sideBits == 2) {
                 route[i] = 2u << 30 | static_cast<uint32_t>(nAbove++);
             } else {
-                route[i] = 3u << 30;
-                cut[3 * straddlers] = i;
-                cut[3 * straddlers + 1] = nBelow++;
-                cut[3 * straddlers + 2] = nAbove++;
+                route[i] = 3u << 30 | static_cast<uint32_t>(straddlers);
+                int32_t* c = cut + kCutStride * straddlers;
+                c[0] = i;
+                c[1] = nBelow++;
+                c[2] = nAbove++;
                 ++straddlers;
             }
         }
@@ -269,14 +296,27 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
         else if (r >> 30 == 2)
             outAbove[index] = refs[i];
     }
+    Box3 cells[2] = {t.cell, t.cell};
+    cells[0].mx[a] = plane.position;
+    cells[1].mn[a] = plane.position;
     for (int32_t j = 0; j < straddlers; ++j) {
-        const TriRef& r = refs[cut[3 * j]];
-        double v[3][3];
-        fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, r.tri, v);
-        outBelow[cut[3 * j + 1]] = r;
-        outAbove[cut[3 * j + 2]] = r;
-        clipToChildren(v, t.cell, a, plane.position, outBelow[cut[3 * j + 1]],
-                       outAbove[cut[3 * j + 2]]);
+        int32_t* c = cut + kCutStride * j;
+        const TriRef& r = refs[c[0]];
+        TriRef& below = outBelow[c[1]];
+        TriRef& above = outAbove[c[2]];
+        below = r;
+        above = r;
+        if (r.coversCell != 0) {  // clipping would give the box narrowed to the child cell
+            narrowToCell(cells[0], below);
+            narrowToCell(cells[1], above);
+        } else {
+            double v[3][3];
+            fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, r.tri, v);
+            clipToChildren(v, t.cell, a, plane.position, below, above);
+            below.coversCell = coversCell(v, cells[0]);
+            above.coversCell = coversCell(v, cells[1]) ? 1 : 0;
+        }
+        c[3] = static_cast<int32_t>(keepBits(r, below, 0) | keepBits(r, above, 1));
     }
     std::memmove(refs, outAbove, static_cast<size_t>(nAbove + nBelow) * sizeof(TriRef));
     above.refBegin = t.refBegin;
@@ -285,6 +325,13 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     below.refCount = nBelow;
 
     for (int b = 0; b < 3; ++b) {
+        // An axis that the cell cannot be split on (too thin on it, or on
+        // both others) stays so in every cell below: its events are dropped.
+        if (!axisUsable(t.cell, b)) {
+            below.evBegin[b] = above.evBegin[b] = t.evBegin[b];
+            below.evCount[b] = above.evCount[b] = 0;
+            continue;
+        }
         const QelStatus st = splitEvents(t, b, straddlers, below, above);
         if (st != qelOk) return st;
     }
@@ -292,7 +339,8 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
 }
 
 QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& below, Task& above) {
-    // New events of the cut triangles, sorted, per child.
+    // New events of the cut references, sorted, per child: the ends of their
+    // boxes that clipping moved (the others keep their events).
     int32_t freshCount[2] = {0, 0};
     const int64_t freshCap = 2 * static_cast<int64_t>(straddlers) + 1;
     if (!fresh_[0].reserve(freshCap, 0) || !fresh_[1].reserve(freshCap, 0)) return qelErrNoMemory;
@@ -300,12 +348,22 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
     const int32_t* cut = cut_.data();
     for (int c = 0; c < 2; ++c) {
         Event* fresh = fresh_[c].data();
+        int32_t m = 0;
         for (int32_t j = 0; j < straddlers; ++j) {
-            const int32_t local = cut[3 * j + 1 + c];
-            freshCount[c] += addEvents(childRefs[c][local], b, static_cast<uint32_t>(local),
-                                       fresh + freshCount[c]);
+            const int32_t* cj = cut + kCutStride * j;
+            const uint32_t local = static_cast<uint32_t>(cj[1 + c]);
+            const TriRef& r = childRefs[c][local];
+            const uint32_t keep = static_cast<uint32_t>(cj[3]) >> (6 * c + 2 * b) & 3u;
+            if (r.mn[b] == r.mx[b]) {
+                if ((keep & 1u) == 0) fresh[m++] = {r.mn[b], local << 2 | kEventPlanar};
+                continue;
+            }
+            if ((keep & 1u) == 0) fresh[m++] = {r.mn[b], local << 2 | kEventStart};
+            if ((keep & 2u) == 0) fresh[m++] = {r.mx[b], local << 2 | kEventEnd};
         }
-        if (freshCount[c] > 1) std::sort(fresh, fresh + freshCount[c], EventLess());
+        if (m > 1 && !std::is_sorted(fresh, fresh + m, EventLess()))
+            std::sort(fresh, fresh + m, EventLess());
+        freshCount[c] = m;
     }
 
     // Filter the node's events into the children behind the node's segment
@@ -326,14 +384,31 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
     const Event* faEnd = fa + freshCount[1];
     for (int32_t i = 0; i < count; ++i) {
         const uint32_t r = route[ev[i].key >> 2];
-        const Event e = {ev[i].pos, (r & kRouteIndexMask) << 2 | (ev[i].key & 3u)};
-        if (r >> 30 == 1) {
+        const uint32_t type = ev[i].key & 3u;
+        const uint32_t side = r >> 30;
+        if (side == 1) {
+            const Event e = {ev[i].pos, (r & kRouteIndexMask) << 2 | type};
             while (fb != fbEnd && eventLess(*fb, e)) *outBelow++ = *fb++;
             *outBelow++ = e;
-        } else if (r >> 30 == 2) {
+        } else if (side == 2) {
+            const Event e = {ev[i].pos, (r & kRouteIndexMask) << 2 | type};
             while (fa != faEnd && eventLess(*fa, e)) *outAbove++ = *fa++;
             *outAbove++ = e;
-        }  // cut triangles: their new events are merged in instead
+        } else {  // a cut reference: the events that clipping left in place
+            const int32_t* cj = cut + kCutStride * (r & kRouteIndexMask);
+            const uint32_t keep = static_cast<uint32_t>(cj[3]) >> (2 * b);
+            const uint32_t bit = type == kEventEnd ? 2u : 1u;
+            if ((keep & bit) != 0) {
+                const Event e = {ev[i].pos, static_cast<uint32_t>(cj[1]) << 2 | type};
+                while (fb != fbEnd && eventLess(*fb, e)) *outBelow++ = *fb++;
+                *outBelow++ = e;
+            }
+            if ((keep >> 6 & bit) != 0) {
+                const Event e = {ev[i].pos, static_cast<uint32_t>(cj[2]) << 2 | type};
+                while (fa != faEnd && eventLess(*fa, e)) *outAbove++ = *fa++;
+                *outAbove++ = e;
+            }
+        }
     }
     while (fb != fbEnd) *outBelow++ = *fb++;
     while (fa != faEnd) *outAbove++ = *fa++;

@@ -14,7 +14,9 @@ namespace qelr::QELR_ISA::accel {
 inline constexpr uint32_t kOutputBlockBytes = 0x1000028u;
 inline constexpr uint32_t kOutputBlockHeaderBytes = 40u;
 
-// Nodes with at least this many triangles are scored by one thread per axis.
+// Nodes with at least this many triangles are scored by one thread per axis:
+// a build rule (smaller nodes sweep in less time than a team takes to start);
+// the tree is the same either way.
 inline constexpr int32_t kParallelScoringMin = 76;
 
 inline constexpr uint32_t kMaxDepthLimit = 50;
@@ -25,11 +27,14 @@ struct Box3 {
 };
 
 // A triangle reference inside a node: the triangle's index and the box of the
-// part of the triangle that lies inside the node's cell.
+// part of the triangle that lies inside the node's cell. coversCell: the
+// triangle is flat and covers the whole cell (then it covers every cell below
+// too, and its part in a child cell is simply the box narrowed to that cell).
 struct TriRef {
     int32_t tri;
     float mn[3];
     float mx[3];
+    int32_t coversCell = 0;
 };
 
 struct CostDrivenInput {
@@ -66,6 +71,16 @@ void clipToCell(const double tri[3][3], const Box3& cell, TriRef& ref);
 void clipToChildren(const double tri[3][3], const Box3& cell, int axis, float position,
                     TriRef& below, TriRef& above);
 
+// Whether triangle `tri`, flat on an axis, covers the whole face of `cell`
+// across that axis with a margin far above the rounding of the clipping, so
+// that clipping it to the cell or to any cell inside gives the cell's face:
+// clipToCell and clipToChildren then return the reference's box narrowed to
+// the cell. False for triangles that are not flat.
+bool coversCell(const double tri[3][3], const Box3& cell);
+
+// The reference's box intersected with the cell.
+void narrowToCell(const Box3& cell, TriRef& ref);
+
 // Rules of the cost model that the builder and the brute-force oracle share.
 // The per-node quality factor f, computed once per build.
 float qualityFactor(float quality);
@@ -95,10 +110,6 @@ inline int sideOf(const TriRef& r, const SplitPlane& s) {
 // ---------------------------------------------------------------------------
 // Output of the build: node records and leaf lists are streamed into blocks
 // charged to the budget, then written into the final tree in one block.
-
-// Encodes a leaf of one to three triangles inline. Returns false when the
-// leaf needs a list.
-bool encodeInlineLeaf(const int32_t* tris, int32_t count, int32_t& word0, int32_t& word1);
 
 class TreeStream {
  public:

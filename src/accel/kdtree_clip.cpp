@@ -40,11 +40,12 @@ void clipPlane(const Polygon& in, int axis, double value, bool keepAbove, Polygo
     out.count = 0;
     if (in.count == 0) return;
     auto inside = [&](const double* q) { return keepAbove ? q[axis] >= value : q[axis] <= value; };
+    bool inb = inside(in.p[0]);
     for (int i = 0; i < in.count; ++i) {
         const double* a = in.p[i];
-        const double* b = in.p[(i + 1) % in.count];
-        const bool ina = inside(a);
-        const bool inb = inside(b);
+        const double* b = in.p[i + 1 == in.count ? 0 : i + 1];
+        const bool ina = inb;
+        inb = inside(b);
         if (ina && out.count < 12) {
             for (int k = 0; k < 3; ++k) out.p[out.count][k] = a[k];
             ++out.count;
@@ -111,13 +112,26 @@ void clipTriangle(const double tri[3][3], const Box3& cell, Polygon& out) {
     if (poly != &out) out = *poly;
 }
 
+}  // namespace
+
+void narrowToCell(const Box3& cell, TriRef& ref) {
+    for (int a = 0; a < 3; ++a) {
+        ref.mn[a] = maxf(ref.mn[a], cell.mn[a]);
+        ref.mx[a] = minf(ref.mx[a], cell.mx[a]);
+    }
+}
+
+namespace {
+
 // Narrows ref's box to the polygon's bounds, rounded outward, within the
 // cell and the box before the call.
 void narrowToPolygon(const Polygon& poly, const Box3& cell, TriRef& ref) {
-    Box3 prior;  // always a valid answer
+    TriRef narrowed = ref;  // always a valid answer
+    narrowToCell(cell, narrowed);
+    Box3 prior;
     for (int a = 0; a < 3; ++a) {
-        prior.mn[a] = maxf(ref.mn[a], cell.mn[a]);
-        prior.mx[a] = minf(ref.mx[a], cell.mx[a]);
+        prior.mn[a] = narrowed.mn[a];
+        prior.mx[a] = narrowed.mx[a];
     }
     Box3 box = prior;
     if (poly.count > 0) {
@@ -159,6 +173,33 @@ void clipToChildren(const double tri[3][3], const Box3& cell, int axis, float po
     child.mn[axis] = position;
     clipPlane(inCell, axis, position, true, part);
     narrowToPolygon(part, child, above);
+}
+
+bool coversCell(const double tri[3][3], const Box3& cell) {
+    int c = 0;
+    while (c < 3 && !(tri[0][c] == tri[1][c] && tri[0][c] == tri[2][c])) ++c;
+    if (c == 3) return false;
+    const int u = (c + 1) % 3, w = (c + 2) % 3;
+    // Edge functions in double; the products of float differences carry a
+    // relative error near 1e-16, so a margin of 1e-10 of their size leaves
+    // every corner truly inside, far from the float rounding of the boxes.
+    constexpr double kMargin = 1e-10;
+    const double area = (tri[1][u] - tri[0][u]) * (tri[2][w] - tri[0][w]) -
+                        (tri[1][w] - tri[0][w]) * (tri[2][u] - tri[0][u]);
+    if (area == 0.0) return false;
+    const double sign = area > 0.0 ? 1.0 : -1.0;
+    for (int k = 0; k < 4; ++k) {
+        const double qu = (k & 1) != 0 ? cell.mx[u] : cell.mn[u];
+        const double qw = (k & 2) != 0 ? cell.mx[w] : cell.mn[w];
+        for (int e = 0; e < 3; ++e) {
+            const double* p = tri[e];
+            const double* q = tri[(e + 1) % 3];
+            const double a = (q[u] - p[u]) * (qw - p[w]);
+            const double b = (q[w] - p[w]) * (qu - p[u]);
+            if (!(sign * (a - b) > kMargin * (std::fabs(a) + std::fabs(b)))) return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace qelr::QELR_ISA::accel

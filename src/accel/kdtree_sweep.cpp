@@ -16,12 +16,15 @@
 namespace qelr::QELR_ISA::accel {
 
 namespace {
-constexpr float kMinExtent = 1e-5f;
 constexpr double kEmptySpaceWeight = 0.699999988079071;  // 0.7f widened
+// Scale of the split threshold f = (10 - 9 quality) * kCostFactor: part of
+// the build rules (quality 1 weighs a split at about half the leaf cost), so
+// changing it changes every tree.
+constexpr double kCostFactor = 0.5057569742202759;
 }  // namespace
 
 float qualityFactor(float quality) {
-    return static_cast<float>((10.0 - 9.0 * static_cast<double>(quality)) * 0.5057569742202759);
+    return static_cast<float>((10.0 - 9.0 * static_cast<double>(quality)) * kCostFactor);
 }
 
 double leafCost(const Box3& cell, int32_t n) {
@@ -40,7 +43,7 @@ AxisFrame axisFrame(const Box3& cell, int axis) {
     f.extent = f.hi - f.lo;
     const float dA = cell.mx[a] - cell.mn[a];
     const float dB = cell.mx[b] - cell.mn[b];
-    f.usable = f.extent > kMinExtent && (dA > kMinExtent || dB > kMinExtent);
+    f.usable = axisUsable(cell, axis);
     f.sumAB = static_cast<double>(dA) + static_cast<double>(dB);
     const double prod = static_cast<double>(dA) * static_cast<double>(dB);
     f.g = prod < 1e-9 ? 0.0 : prod / f.sumAB;

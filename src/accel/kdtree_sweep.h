@@ -36,6 +36,16 @@ struct AxisFrame {
 
 AxisFrame axisFrame(const Box3& cell, int axis);
 
+// Extents up to this are too thin to split.
+inline constexpr float kMinExtent = 1e-5f;
+
+// axisFrame(cell, axis).usable without the rest of the frame.
+inline bool axisUsable(const Box3& cell, int axis) {
+    const int a = (axis + 1) % 3, b = (axis + 2) % 3;
+    return cell.mx[axis] - cell.mn[axis] > kMinExtent &&
+           (cell.mx[a] - cell.mn[a] > kMinExtent || cell.mx[b] - cell.mn[b] > kMinExtent);
+}
+
 struct AxisScore {
     double score;  // 1.7976931348623157e308 when the axis offers nothing
     float position;

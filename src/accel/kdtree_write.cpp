@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstring>
 
+#include "accel/kd_node.h"
 #include "accel/kdtree_build.h"
 #include "core/memory.h"
 #include "simd/target.h"
@@ -19,51 +20,7 @@ namespace qelr::QELR_ISA::accel {
 
 namespace {
 constexpr int32_t kInlineTag = -8;
-constexpr uint32_t kSign = 0x80000000u;
-constexpr uint32_t kIndexLimit = 0x20000000u;  // indices that fit word 1's 29 bits
-
-int32_t asInt(uint32_t u) { return static_cast<int32_t>(u); }
 }  // namespace
-
-bool encodeInlineLeaf(const int32_t* tris, int32_t count, int32_t& word0, int32_t& word1) {
-    if (count < 1 || count > 3) return false;
-    for (int32_t i = 0; i < count; ++i)
-        if (tris[i] < 0) return false;
-    if (count == 1) {
-        word0 = asInt(static_cast<uint32_t>(tris[0]) | kSign);
-        word1 = asInt(kSign | 1u);
-        return true;
-    }
-    if (count == 2) {
-        uint32_t a = static_cast<uint32_t>(tris[0]);
-        uint32_t b = static_cast<uint32_t>(tris[1]);
-        if (a >= kIndexLimit && b >= kIndexLimit) return false;
-        if (a >= kIndexLimit) {  // the index in word 1 must fit 29 bits
-            const uint32_t t = a;
-            a = b;
-            b = t;
-        }
-        word0 = asInt(b | kSign);
-        word1 = asInt(a << 2 | kSign | 2u);
-        return true;
-    }
-    if (count == 3) {
-        uint32_t v[3] = {static_cast<uint32_t>(tris[0]), static_cast<uint32_t>(tris[1]),
-                         static_cast<uint32_t>(tris[2])};
-        for (int i = 1; i < 3; ++i)  // sort three values
-            for (int j = i; j > 0 && v[j] < v[j - 1]; --j) {
-                const uint32_t t = v[j];
-                v[j] = v[j - 1];
-                v[j - 1] = t;
-            }
-        const uint32_t lo = v[0], mid = v[1], hi = v[2];
-        if (mid >= kIndexLimit || mid - lo >= 32768u || hi - mid >= 65536u) return false;
-        word0 = asInt(kSign | (mid - lo) << 16 | (hi - mid));
-        word1 = asInt(mid << 2 | kSign | 3u);
-        return true;
-    }
-    return false;
-}
 
 struct TreeStream::Block {
     Block* next;
@@ -125,8 +82,8 @@ QelStatus TreeStream::inner(int32_t slot, int axis, float position, int32_t chil
 }
 
 QelStatus TreeStream::beginLeaf(int32_t slot, const int32_t* tris, int32_t count, bool& listed) {
-    int32_t w0 = 0, w1 = 0;
-    listed = !encodeInlineLeaf(tris, count, w0, w1);
+    kdnode::Words w{0, 0};
+    listed = !kdnode::inlineLeaf(tris, count, w);
     QelStatus st = put(slot);
     if (listed) {
         if (st == qelOk) st = put(count);
@@ -134,8 +91,8 @@ QelStatus TreeStream::beginLeaf(int32_t slot, const int32_t* tris, int32_t count
         return st;
     }
     if (st == qelOk) st = put(kInlineTag);
-    if (st == qelOk) st = put(w0);
-    if (st == qelOk) st = put(w1);
+    if (st == qelOk) st = put(w.w0);
+    if (st == qelOk) st = put(w.w1);
     return st;
 }
 
@@ -186,21 +143,23 @@ QelStatus TreeStream::finish(KDTreeNode** outTree, int* outTreeSize) {
     while (more()) {
         const int32_t slot = next();
         const int32_t kind = next();
-        int32_t* node = tree + 2 * static_cast<int64_t>(slot);
+        auto* node = reinterpret_cast<KDTreeNode*>(tree) + slot;
         if (kind == kInlineTag) {
-            node[0] = next();
-            node[1] = next();
+            const int32_t w0 = next();
+            kdnode::store(node, {w0, next()});
         } else if (kind < 0) {  // inner node
             const int32_t axis = -1 - kind;
-            node[1] = next();
+            const int32_t position = next();
             const int32_t childSlot = next();
-            node[0] = (childSlot - slot) * 8 | axis;
-        } else if (kind == 0) {  // empty leaf
-            node[0] = INT32_MIN;
-            node[1] = 0;
+            float split;
+            std::memcpy(&split, &position, 4);
+            kdnode::store(node, kdnode::innerNode(axis, (childSlot - slot) * 8, split));
+        } else if (kind == 0) {
+            kdnode::store(node, kdnode::emptyLeaf());
         } else {
-            node[0] = static_cast<int32_t>(-(listByte - 8 * static_cast<int64_t>(slot)));
-            node[1] = kind;
+            kdnode::store(node, kdnode::listedLeaf(
+                                    static_cast<int32_t>(listByte - 8 * static_cast<int64_t>(slot)),
+                                    kind));
             int32_t* list = tree + listByte / 4;
             for (int32_t i = 0; i < kind; ++i) list[i] = next();
             listByte += 4 * static_cast<int64_t>(kind);

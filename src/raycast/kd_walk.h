@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "accel/kd_node.h"
 #include "qelr.h"
 #include "simd/target.h"
 
@@ -43,38 +44,36 @@ inline float floatBits(int32_t w) {
     return f;
 }
 
-inline bool isLeaf(const KDTreeNode* n) { return n->word0 < 0; }
+inline bool isLeaf(const KDTreeNode* n) { return kdnode::isLeaf(kdnode::load(n)); }
+
+// Split axis and position of an inner node.
+inline int splitAxisOf(const KDTreeNode* n) { return kdnode::splitAxis(kdnode::load(n)); }
+inline float splitPositionOf(const KDTreeNode* n) { return kdnode::splitPosition(kdnode::load(n)); }
 
 // The pair of children of an inner node (below the split, then above).
 inline const KDTreeNode* childrenOf(const KDTreeNode* n) {
-    return reinterpret_cast<const KDTreeNode*>(reinterpret_cast<const char*>(n) + (n->word0 & ~7));
+    return reinterpret_cast<const KDTreeNode*>(reinterpret_cast<const char*>(n) +
+                                               kdnode::childOffset(kdnode::load(n)));
 }
 
 // Calls f(triangle) for the triangles of a leaf in list order; stops and
 // returns true as soon as f returns true. Handles empty, listed and inline leaves.
 template <class F>
 inline bool forEachTriangle(const KDTreeNode* n, F&& f) {
-    const int32_t w0 = n->word0, w1 = n->word1;
-    if (w1 > 0) {
-        const int32_t* list = reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(n) -
-                                                               static_cast<intptr_t>(w0 & ~3));
-        for (int32_t i = 0; i < w1; ++i)
+    const kdnode::Words w = kdnode::load(n);
+    if (w.w1 > 0) {
+        const int32_t* list = reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(n) +
+                                                               kdnode::listOffset(w));
+        for (int32_t i = 0; i < w.w1; ++i)
             if (f(list[i])) return true;
         return false;
     }
-    if (w1 == 0) return false;
-    const int32_t w = w0 & 0x7fffffff;
-    const int32_t m = (w1 & 0x7ffffffc) >> 2;
-    switch (w1 & 3) {
-        case 1:
-            return f(w);
-        case 2:
-            return f(w) || f(m);
-        case 3:
-            return f(m - (w >> 16)) || f(m) || f(m + (w & 0xffff));
-        default:
-            return false;
-    }
+    if (w.w1 == 0) return false;
+    int32_t tris[3];
+    const int count = kdnode::inlineTriangles(w, tris);
+    for (int i = 0; i < count; ++i)
+        if (f(tris[i])) return true;
+    return false;
 }
 
 // One ray: origin, direction, inverse direction and the child taken first

@@ -60,6 +60,20 @@ inline Scene randomScene(int n, uint32_t seed, float shift = 0.0f) {
     return s;
 }
 
+// Triangles with random corners in [0, 10]^2 on the plane y = 2.5: they all
+// overlap, the cells are flat, and the tree grows with every level of depth.
+inline Scene coplanarScene(int n, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(0.0f, 10.0f);
+    Scene s;
+    for (int t = 0; t < n; ++t) {
+        float p[3][3];
+        for (auto& q : p) q[0] = u(rng), q[1] = 2.5f, q[2] = u(rng);
+        s.add(p[0], p[1], p[2]);
+    }
+    return s;
+}
+
 inline KDTreeBuildParams costDriven(uint32_t depthLimit = 50, float quality = 1.0f,
                                     uint32_t budgetMb = 256) {
     return KDTreeBuildParams{qelKdCostDriven, depthLimit, quality, budgetMb, 0};

@@ -201,20 +201,39 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
     }
 }
 
+// Overlapping triangles in one plane: the tree doubles with depth; the
+// builder's shortcuts for flat cells must give the same bytes, and a budget
+// below the tree stops the build.
+TEST(KDTreeRules, CoplanarOverlapSameTreeAsBruteForce) {
+    const Scene s = kdtest::coplanarScene(40, 5);
+    constexpr uint32_t kDepth = 16;
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    ASSERT_EQ(bruteForceTree(s, kDepth, 1.0f, &tree, &size), qelOk);
+    const std::vector<uint8_t> expect(reinterpret_cast<uint8_t*>(tree),
+                                      reinterpret_cast<uint8_t*>(tree) + size);
+    qelr::impl::qelrKDTreeFree(tree);
+    EXPECT_EQ(libraryTree(s, kDepth, 1.0f), expect);
+    QelStatus st = qelOk;
+    const uint32_t block = kOutputBlockHeaderBytes + 1024;
+    libraryTree(s, kDepth, 1.0f, static_cast<uint32_t>(size) / 2, block, &st);
+    EXPECT_EQ(st, qelErrMemoryBudget);
+}
+
 TEST(KDTreeRules, InlineLeafEncoding) {
     auto enc = [](std::vector<int32_t> t, uint32_t w0, uint32_t w1) {
-        int32_t a = 0, b = 0;
-        ASSERT_TRUE(encodeInlineLeaf(t.data(), static_cast<int32_t>(t.size()), a, b));
-        EXPECT_EQ(static_cast<uint32_t>(a), w0);
-        EXPECT_EQ(static_cast<uint32_t>(b), w1);
-        std::vector<int32_t> back = qelr_test::decodeInlineLeaf(a, b);
+        qelr::kdnode::Words w{0, 0};
+        ASSERT_TRUE(qelr::kdnode::inlineLeaf(t.data(), static_cast<int32_t>(t.size()), w));
+        EXPECT_EQ(static_cast<uint32_t>(w.w0), w0);
+        EXPECT_EQ(static_cast<uint32_t>(w.w1), w1);
+        std::vector<int32_t> back = qelr_test::decodeInlineLeaf(w.w0, w.w1);
         std::sort(back.begin(), back.end());
         std::sort(t.begin(), t.end());
         EXPECT_EQ(back, t);
     };
     auto listed = [](std::vector<int32_t> t) {
-        int32_t a = 0, b = 0;
-        EXPECT_FALSE(encodeInlineLeaf(t.data(), static_cast<int32_t>(t.size()), a, b));
+        qelr::kdnode::Words w{0, 0};
+        EXPECT_FALSE(qelr::kdnode::inlineLeaf(t.data(), static_cast<int32_t>(t.size()), w));
     };
     enc({5}, 0x80000005u, 0x80000001u);
     enc({13, 10, 12}, 0x80020001u, 0x80000033u);

@@ -17,7 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "accel/kd_node.h"
+
 namespace qelr_test {
+
+namespace kdnode = qelr::kdnode;
 
 struct KdCell {
     float mn[3];
@@ -43,15 +47,9 @@ struct KdTreeInfo {
 
 // The triangles of an inline leaf (both words negative).
 inline std::vector<int32_t> decodeInlineLeaf(int32_t word0, int32_t word1) {
-    const uint32_t w = static_cast<uint32_t>(word0) & 0x7fffffffu;
-    const uint32_t count = static_cast<uint32_t>(word1) & 3u;
-    const uint32_t m = (static_cast<uint32_t>(word1) & 0x7ffffffcu) >> 2;
-    if (count == 3)
-        return {static_cast<int32_t>(m - (w >> 16)), static_cast<int32_t>(m),
-                static_cast<int32_t>(m + (w & 0xffffu))};
-    std::vector<int32_t> out = {static_cast<int32_t>(w), static_cast<int32_t>(m)};
-    out.resize(count);
-    return out;
+    int32_t t[3];
+    const int count = kdnode::inlineTriangles({word0, word1}, t);
+    return std::vector<int32_t>(t, t + count);
 }
 
 inline KdTreeInfo checkKdTree(const KDTreeNode* tree, int sizeBytes, int triangleCount,
@@ -87,20 +85,19 @@ inline KdTreeInfo checkKdTree(const KDTreeNode* tree, int sizeBytes, int triangl
     while (!stack.empty() && info.error.empty()) {
         const Pending p = stack.back();
         stack.pop_back();
-        int32_t w[2];
-        std::memcpy(w, base + p.offset, 8);
+        kdnode::Words w;
+        std::memcpy(&w, base + p.offset, 8);
         info.maxDepth = std::max(info.maxDepth, p.depth);
         info.nodeAreaEnd = std::max(info.nodeAreaEnd, p.offset + 8);
         if (p.depth > depthLimit || p.depth > 50) {
             info.error = "node deeper than the limit at " + std::to_string(p.offset);
             break;
         }
-        if (w[0] >= 0) {
-            const int axis = w[0] & 3;
-            const int64_t child = p.offset + (w[0] & ~7);
-            float split;
-            std::memcpy(&split, &w[1], 4);
-            if (axis == 3 || (w[0] & 4) != 0 || (w[0] & ~7) == 0) {
+        if (!kdnode::isLeaf(w)) {
+            const int axis = kdnode::splitAxis(w);
+            const int64_t child = p.offset + kdnode::childOffset(w);
+            const float split = kdnode::splitPosition(w);
+            if (axis == 3 || (w.w0 & 4) != 0 || kdnode::childOffset(w) == 0) {
                 info.error = "bad inner node word at " + std::to_string(p.offset);
                 break;
             }
@@ -121,16 +118,17 @@ inline KdTreeInfo checkKdTree(const KDTreeNode* tree, int sizeBytes, int triangl
         leaf.offset = static_cast<int32_t>(p.offset);
         leaf.depth = p.depth;
         leaf.cell = p.cell;
-        leaf.isInline = w[1] < 0;
+        leaf.isInline = kdnode::isInlineLeaf(w);
+        const int32_t count = kdnode::leafCount(w);
         if (leaf.isInline) {
-            leaf.tris = decodeInlineLeaf(w[0], w[1]);
+            leaf.tris = decodeInlineLeaf(w.w0, w.w1);
             if (leaf.tris.empty()) info.error = "inline leaf of no triangle";
-        } else if (w[1] > 0) {
-            const int64_t list = p.offset - (w[0] & ~3);
-            if (!claim(list, 4 * static_cast<int64_t>(w[1]), "leaf list")) break;
+        } else if (count > 0) {
+            const int64_t list = p.offset + kdnode::listOffset(w);
+            if (!claim(list, 4 * static_cast<int64_t>(count), "leaf list")) break;
             if (info.firstListByte < 0 || list < info.firstListByte) info.firstListByte = list;
-            leaf.tris.resize(static_cast<size_t>(w[1]));
-            std::memcpy(leaf.tris.data(), base + list, 4 * static_cast<size_t>(w[1]));
+            leaf.tris.resize(static_cast<size_t>(count));
+            std::memcpy(leaf.tris.data(), base + list, 4 * static_cast<size_t>(count));
         }
         for (int32_t t : leaf.tris)
             if (t < 0 || t >= triangleCount)
@@ -168,16 +166,15 @@ inline void leavesAt(const KDTreeNode* tree, const double p[3], std::vector<int3
     while (!stack.empty()) {
         const int64_t offset = stack.back();
         stack.pop_back();
-        int32_t w[2];
-        std::memcpy(w, base + offset, 8);
-        if (w[0] < 0) {
+        kdnode::Words w;
+        std::memcpy(&w, base + offset, 8);
+        if (kdnode::isLeaf(w)) {
             out.push_back(static_cast<int32_t>(offset));
             continue;
         }
-        float split;
-        std::memcpy(&split, &w[1], 4);
-        const int64_t child = offset + (w[0] & ~7);
-        const double x = p[w[0] & 3];
+        const float split = kdnode::splitPosition(w);
+        const int64_t child = offset + kdnode::childOffset(w);
+        const double x = p[kdnode::splitAxis(w)];
         if (x >= split) stack.push_back(child + 8);
         if (x <= split) stack.push_back(child);
     }
