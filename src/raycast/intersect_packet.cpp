@@ -267,8 +267,8 @@ void tracePacket(const QelTraceScene& scene, const Packet<V, N, kOwnOrigins>& p,
     const TriangleAccel* accel = scene.accel;
     for (;;) {
         while (!isLeaf(node)) {
-            const int a = node->word0 & 3;
-            const float split = floatBits(node->word1);
+            const int a = splitAxisOf(node);
+            const float split = splitPositionOf(node);
             const KDTreeNode* kids = childrenOf(node);
             V nearEnd[N], farStart[N];
             V needNear = V::zero(), needFar = V::zero();

@@ -38,12 +38,6 @@ constexpr float kLayerSplitTolerance = 0.00019f;
 // The capacity of a traversal stack: the builder limits the depth to 50.
 constexpr int kStackDepth = 50;
 
-inline float floatBits(int32_t w) {
-    float f;
-    std::memcpy(&f, &w, 4);
-    return f;
-}
-
 inline bool isLeaf(const KDTreeNode* n) { return kdnode::isLeaf(kdnode::load(n)); }
 
 // Split axis and position of an inner node.
@@ -161,8 +155,8 @@ inline void walkRay(const KDTreeNode* root, const Ray& ray, float tnear, float t
     const KDTreeNode* node = root;
     for (;;) {
         while (!isLeaf(node)) {
-            const int a = node->word0 & 3;
-            const float ts = (floatBits(node->word1) - ray.o[a]) * ray.inv[a];
+            const int a = splitAxisOf(node);
+            const float ts = (splitPositionOf(node) - ray.o[a]) * ray.inv[a];
             const KDTreeNode* kids = childrenOf(node);
             const KDTreeNode* nearChild = kids + ray.sign[a];
             const KDTreeNode* farChild = kids + (ray.sign[a] ^ 1);

@@ -88,8 +88,8 @@ void walkLanes(const QelTraceScene& scene, const LaneRays& r, int octant, Vf lan
     const KDTreeNode* node = scene.root;
     for (;;) {
         while (!isLeaf(node)) {
-            const int a = node->word0 & 3;
-            const Vf ts = (Vf(floatBits(node->word1)) - r.o[a]) * r.inv[a];
+            const int a = splitAxisOf(node);
+            const Vf ts = (Vf(splitPositionOf(node)) - r.o[a]) * r.inv[a];
             const KDTreeNode* kids = childrenOf(node);
             const int nearSide = (octant >> a) & 1;
             const Vf farOnly = active & ((tnear - ts) > tol);

@@ -6,6 +6,8 @@
 
 #include <qelr.h>
 
+#include "accel/kd_node.h"
+
 #include <algorithm>
 #include <cfloat>
 #include <cstdint>
@@ -15,6 +17,8 @@
 #include <vector>
 
 namespace qelr_test {
+
+namespace kdnode = qelr::kdnode;
 
 struct Mesh {
     std::vector<float> vertices;  // three per vertex
@@ -158,48 +162,34 @@ class TestTree {
             const Node& nd = nodes_[n];
             int32_t* w = &words_[slot[n]];
             if (nd.axis >= 0) {
-                w[0] = nd.axis | 4 * (slot[nd.child] - slot[n]);
-                std::memcpy(&w[1], &nd.split, 4);
+                const kdnode::Words inner =
+                    kdnode::innerNode(nd.axis, 4 * (slot[nd.child] - slot[n]), nd.split);
+                w[0] = inner.w0;
+                w[1] = inner.w1;
                 continue;
             }
             writeLeaf(slot[n], nd.tris);
         }
     }
 
+    // Every leaf form the codec has: empty, listed (shuffled), and inline for
+    // one to three triangles when the coin says so and the indices fit.
     void writeLeaf(int at, std::vector<int> t) {
         const int n = static_cast<int>(t.size());
-        const bool inlineWanted = rng_() % 3 != 0;
+        kdnode::Words w = kdnode::emptyLeaf();
         if (n == 0) {
-            words_[at] = -8;
-            words_[at + 1] = 0;
             ++leafForms[0];
-            return;
+        } else if (rng_() % 3 != 0 && kdnode::inlineLeaf(t.data(), n, w)) {
+            ++leafForms[n + 1];
+        } else {
+            std::shuffle(t.begin(), t.end(), rng_);
+            const int list = static_cast<int>(words_.size());
+            w = kdnode::listedLeaf(4 * (list - at), n);
+            words_.insert(words_.end(), t.begin(), t.end());
+            ++leafForms[1];
         }
-        if (inlineWanted && n == 1) {
-            words_[at] = static_cast<int32_t>(t[0] | 0x80000000u);
-            words_[at + 1] = static_cast<int32_t>(0x80000001u);
-            ++leafForms[2];
-            return;
-        }
-        if (inlineWanted && n == 2) {  // read back as word 0, then word 1
-            words_[at] = static_cast<int32_t>(t[1] | 0x80000000u);
-            words_[at + 1] = static_cast<int32_t>(static_cast<uint32_t>(t[0]) << 2 | 0x80000002u);
-            ++leafForms[3];
-            return;
-        }
-        std::sort(t.begin(), t.end());
-        if (inlineWanted && n == 3 && t[1] - t[0] < 32768 && t[2] - t[1] < 65536) {
-            words_[at] = static_cast<int32_t>(0x80000000u | (t[1] - t[0]) << 16 | (t[2] - t[1]));
-            words_[at + 1] = static_cast<int32_t>(static_cast<uint32_t>(t[1]) << 2 | 0x80000003u);
-            ++leafForms[4];
-            return;
-        }
-        std::shuffle(t.begin(), t.end(), rng_);
-        const int list = static_cast<int>(words_.size());
-        words_[at] = -4 * (list - at);
-        words_[at + 1] = n;
-        words_.insert(words_.end(), t.begin(), t.end());
-        ++leafForms[1];
+        words_[at] = w.w0;
+        words_[at + 1] = w.w1;
     }
 
     std::mt19937 rng_;

@@ -529,10 +529,12 @@ void expectLayers(const Scene& s, const Rays& r, int layers) {
         if (h < layers) {  // a miss: nothing sure was left out, the rest untouched
             const size_t at = i + h * n;
             EXPECT_EQ(got.dist[at], h == 0 ? r.dist[i] : FLT_MAX);
-            for (const ExactHit& x : beyond.all)
-                if (x.margin > kEdgeMargin && x.t > kDistTol && (h > 0 || x.t < r.dist[i]))
+            for (const ExactHit& x : beyond.all) {
+                if (x.margin > kEdgeMargin && x.t > kDistTol && (h > 0 || x.t < r.dist[i])) {
                     EXPECT_NE(std::count(seen.begin(), seen.end(), x.index), 0)
                         << "ray " << i << " missed triangle " << x.index;
+                }
+            }
             for (int k = h + 1; k < layers; ++k) {
                 EXPECT_EQ(got.index[i + k * n], -1);
                 EXPECT_EQ(got.dist[i + k * n], 123.0f);
