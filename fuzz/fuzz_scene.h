@@ -63,14 +63,14 @@ struct Scene {
 
 // Records and box of the mesh, then a tree with fuzzed build parameters.
 // Returns false when the build fails (the status is checked against the rules).
-inline bool buildScene(Input& in, Arena& a, const Mesh& m, Scene& s) {
+inline bool buildScene(Input& in, Arena& a, const Mesh& m, Scene& s, int maxDepth = 52) {
     auto* accel = a.alloc<TriangleAccel>(size_t(m.nt));
     if (qelrTriangleAccelInit(accel, m.vertices, m.indices, m.nt) != qelOk) abort();
     float* box = a.alloc<float>(6);
     if (qelrSetBoundBox_32f(m.vertices, m.nv, box) != qelOk) abort();
     KDTreeBuildParams params{};
     params.algorithm = in.flag() ? qelKdCostDriven : qelKdSingleLeaf;
-    params.depthLimit = uint32_t(in.range(0, 52));
+    params.depthLimit = uint32_t(in.range(0, maxDepth));
     params.quality = in.flag() ? float(in.range(0, 4)) / 4.0f : in.f32();
     params.memoryBudgetMb = uint32_t(in.range(30, 40));
     int treeSize = -1;
