@@ -28,7 +28,6 @@ float* const Of = reinterpret_cast<float*>(gOut);
 int* const Oi = reinterpret_cast<int*>(gOut + 8192);
 float* const O3[3] = {Of, Of + 256, Of + 512};
 float* const O3m[3] = {Of + 1, Of + 257, Of + 513};  // off the 16-byte boundary
-float* const O2[2] = {Of + 768, Of + 1024};
 void* const Ov = gOut + 16384;
 
 // Inputs: unit-length values, indices and masks 0 (processed).
@@ -48,9 +47,6 @@ const QelSHEngine* const E20 = reinterpret_cast<const QelSHEngine*>(gEngineRec20
 const QelSHEngine* const Ebad = reinterpret_cast<const QelSHEngine*>(gEngineBad);
 constexpr float L3[3] = {0.5f, 0.5f, 0.5f};
 constexpr std::nullptr_t N = nullptr;
-
-// Scene context of a one-triangle scene (only used by rows that must not read it).
-QelTraceScene gScene{};
 
 // Volumes: 4x4x4 sources (planes of gIn bytes) and destinations in gOut.
 const void* const S4[4] = {gIn, gIn + 64, gIn + 128, gIn + 192};
