@@ -62,10 +62,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             break;
         }
         default: {  // build, then trace; large meshes reach the nodes of 76 and more
-            // triangles that a team scores (at a small depth limit: overlapping
-            // coplanar triangles make deep trees slow, a known fault of its own)
+            // triangles that a team scores and the sort of more than 320 events
+            // (at a small depth limit: overlapping coplanar triangles make deep
+            // trees slow, a known fault of its own)
             const bool large = in.u8() < 16;
-            const Mesh m = readMesh(in, a, large ? 64 : 24, large ? 120 : 32);
+            const Mesh m = readMesh(in, a, large ? 96 : 24, large ? 200 : 32);
             Scene s;
             if (!buildScene(in, a, m, s, large ? 10 : 52)) break;
             for (int k = in.range(1, 3); k > 0; --k) traceRays(in, a, s, m.nt);
