@@ -3,8 +3,10 @@
 # is missing: the C++ toolchain, and Debian's Python 3 with pybind11, numpy,
 # SciPy, Dask, dask.distributed, zarr and pytest for the Python package, its
 # tests and examples (setuptools, wheel and venv for `pip install .`), Doxygen
-# for the API reference, and the Debian packaging tools (debhelper, dpkg-dev,
-# dh-python, lintian) that the package test uses. With
+# for the API reference, the Debian packaging tools (debhelper, dpkg-dev,
+# dh-python, lintian) that the package test uses, and clang with its sanitizer
+# runtimes (libFuzzer among them) and LLVM's OpenMP runtime for the fuzz and
+# ThreadSanitizer presets. With
 # --bench it also installs the peers that the C++ benchmarks compare against
 # (Embree) and the real test meshes.
 set -euo pipefail
@@ -12,7 +14,8 @@ set -euo pipefail
 packages=(cmake ninja-build g++ libgtest-dev libbenchmark-dev pkg-config zlib1g-dev
           doxygen debhelper dpkg-dev lintian dh-python python3-all-dev fakeroot
           python3-dev pybind11-dev python3-pybind11 python3-numpy python3-scipy python3-dask
-          python3-distributed python3-zarr python3-pytest python3-setuptools python3-wheel python3-venv)
+          python3-distributed python3-zarr python3-pytest python3-setuptools python3-wheel python3-venv
+          clang libclang-rt-14-dev libomp-14-dev)
 if [[ "${1:-}" == "--bench" ]]; then
   packages+=(libembree-dev assimp-testmodels)
 fi

@@ -153,4 +153,89 @@ TEST(Limits, FilterAnchorBeyondInt32Range) {
     }
 }
 
+// Element offsets past 2^31 bytes: a plane or row step of 4 MB to 1 GB and a
+// box far into the volume. Only the addressed row exists (the base and plane
+// pointers are moved back by the offset); nearest copies it exactly.
+TEST(Limits, ByteOffsetsPast2GiB) {
+    const int64_t mb4 = 1 << 22, gb1 = 1 << 30;
+    uint8_t src8[4] = {11, 22, 33, 44}, dst8[4] = {};
+    float src32[4] = {1.5f, -2, 3, 4}, dst32[4] = {};
+    std::vector<uint8_t> work(4096);
+    // Contiguous 8-bit resize: plane 1000 of 4 MB planes, source and destination.
+    const QelBox3D b8{0, 0, 1000, 4, 1, 1};
+    ASSERT_EQ(qelrResize_8u_C1V(movedBy(src8, -1000 * mb4), {4, 1, 1001}, 4, int(mb4), b8,
+                                movedBy(dst8, -1000 * mb4), 4, int(mb4), b8, 1, 1, 1, 0, 0, 0,
+                                qelInterpNearest, work.data()),
+              qelOk);
+    EXPECT_EQ(std::vector<uint8_t>(dst8, dst8 + 4), std::vector<uint8_t>(src8, src8 + 4));
+    // Contiguous float resize: row 600 of 4 MB rows.
+    const QelBox3D b32{0, 600, 0, 4, 1, 1};
+    ASSERT_EQ(qelrResize_32f_C1V(movedBy(src32, -600 * mb4), {4, 601, 1}, int(mb4), 4, b32,
+                                 movedBy(dst32, -600 * mb4), int(mb4), 4, b32, 1, 1, 1, 0, 0, 0,
+                                 qelInterpNearest, work.data()),
+              qelOk);
+    EXPECT_EQ(std::vector<float>(dst32, dst32 + 4), std::vector<float>(src32, src32 + 4));
+    // Planar remap and warp: row 3 of 1 GB rows, four planes.
+    std::vector<uint16_t> s16(16), d16(16, 0), w16(16, 0);
+    std::vector<const uint16_t*> sp;
+    std::vector<uint16_t*> dp, wp;
+    std::vector<float> mx(16), my(16, 3), mz(16);
+    std::vector<const float*> px, py, pz;
+    for (int k = 0; k < 4; ++k) {
+        for (int i = 0; i < 4; ++i) s16[4 * k + i] = uint16_t(1000 * k + i + 1), mx[4 * k + i] = float(i), mz[4 * k + i] = float(k);
+        sp.push_back(movedBy(&s16[4 * k], -3 * gb1));
+        dp.push_back(&d16[4 * k]);
+        wp.push_back(movedBy(&w16[4 * k], -3 * gb1));
+        px.push_back(&mx[4 * k]), py.push_back(&my[4 * k]), pz.push_back(&mz[4 * k]);
+    }
+    ASSERT_EQ(qelrRemap_16u_C1PV(sp.data(), {4, 4, 4}, int(gb1), {0, 3, 0, 4, 1, 4}, px.data(), py.data(),
+                                 pz.data(), 16, dp.data(), 8, {4, 1, 4}, qelInterpNearest),
+              qelOk);
+    EXPECT_EQ(d16, s16);
+    const double id[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+    ASSERT_EQ(qelrWarpAffine_16u_C1PV(sp.data(), {4, 4, 4}, int(gb1), {0, 3, 0, 4, 1, 4}, wp.data(),
+                                      int(gb1), {0, 3, 0, 4, 1, 4}, id, qelInterpNearest),
+              qelOk);
+    EXPECT_EQ(w16, s16);
+    // Filter: the anchor puts the source row 3 GB past the plane pointers.
+    int16_t fs[4] = {5, -6, 7, -8}, fd[4] = {};
+    const int16_t* fsp[1] = {movedBy(fs, -3 * gb1)};
+    int16_t* fdp[1] = {fd};
+    const int32_t one = 1;
+    ASSERT_EQ(qelrFilter_16s_C1PV(fsp, int(gb1), fdp, 8, {4, 1, 1}, &one, {1, 1, 1}, {0, 3, 0}, 1, work.data()),
+              qelOk);
+    EXPECT_EQ(std::vector<int16_t>(fd, fd + 4), std::vector<int16_t>(fs, fs + 4));
+}
+
+// Trees and packs whose byte counts or index products leave 32 bits.
+TEST(Limits, TreeAndPackProductsPast32Bits) {
+    // The smallest single-leaf tree whose block (16 + 4n bytes, asked as
+    // 64-bit elements) no longer fits qelMalloc's int: refused, nothing written.
+    const int n = int((int64_t{INT32_MAX} / 8 * 8 - 16) / 4);
+    KDTreeNode* tree = reinterpret_cast<KDTreeNode*>(uintptr_t{1});
+    int size = -1;
+    const float v[3] = {};
+    const int idx[4] = {};
+    const KDTreeBuildParams leaf{qelKdSingleLeaf, 0, 0, 0, 0};
+    EXPECT_EQ(qelrKDTreeBuildAlloc(&tree, v, idx, 1, n, &size, &leaf), qelErrNoMemory);
+    EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(uintptr_t{1}));
+    EXPECT_EQ(size, -1);
+    // Flat normals read 3 * index floats in 32-bit arithmetic: 0x55555556 * 3
+    // wraps to 2, so the ray gets floats 2..4 of the table (no wider offset).
+    const float normals[6] = {0, 1, 2, 3, 4, 5};
+    const int hit[1] = {0x55555556};
+    float out[3] = {-1, -1, -1};
+    float* o3[3] = {out, out + 1, out + 2};
+    ASSERT_EQ(qelrSurfFlatNormal_32f(normals, hit, o3, 1), qelOk);
+    EXPECT_EQ(std::vector<float>(out, out + 3), (std::vector<float>{2, 3, 4}));
+    // Smooth normals: group length x index wraps the same way (4 * 2^30 = 0).
+    const float vn[9] = {0, 0, 1, 0, 0, 1, 0, 0, 1};
+    const int groups[4] = {0, 1, 2, 0};
+    const int big[1] = {1 << 30};
+    const float u[1] = {0.25f}, w[1] = {0.25f};
+    const float* uv[2] = {u, w};
+    ASSERT_EQ(qelrSurfSmoothNormal_32f(vn, groups, big, uv, o3, 1, 4), qelOk);
+    EXPECT_EQ(std::vector<float>(out, out + 3), (std::vector<float>{0, 0, 1}));
+}
+
 }  // namespace

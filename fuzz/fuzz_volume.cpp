@@ -1,0 +1,226 @@
+// Volume resize (both layouts), remap, affine warp and filter, with the
+// resize cuboid and the buffer-size queries. Destination buffers hold only
+// the destination box (plane pointers are moved so that the box's absolute
+// coordinates land on them), so any write outside the box leaves the
+// allocation.
+#include "fuzz_input.h"
+
+using namespace fuzz;
+
+namespace {
+
+bool wellFormed(const QelBox3D& b) {
+    return b.x >= 0 && b.y >= 0 && b.z >= 0 && b.width > 0 && b.height > 0 && b.depth > 0;
+}
+
+// An extent: small, now and then 16 or more (the parallel paths), zero or
+// negative. (Positions, not extents, go to the 32-bit edge: an extent there
+// would ask for more memory than a harness should take.)
+int extent(Input& in, bool big) {
+    const uint8_t s = in.u8();
+    if (s < 8) return in.range(-2, 0);
+    return big ? in.range(16, 18) : 1 + s % 6;
+}
+
+QelBox3D box(Input& in, const QelVolumeSize& v, bool big) {
+    QelBox3D b;
+    int* f = &b.x;
+    const int ext[3] = {v.width, v.height, v.depth};
+    for (int a = 0; a < 3; ++a) {
+        const uint8_t s = in.u8();
+        f[a] = s < 8 ? in.size(2) : s < 16 ? INT32_MAX - in.range(0, 3) : in.range(0, ext[a] > 1 ? 2 : 1);
+        f[3 + a] = extent(in, big);
+    }
+    return b;
+}
+
+// A volume of element size es covering `b` (or, when b is not well formed, one
+// element): plane pointers addressed by absolute coordinates, one row step.
+struct Vol {
+    std::vector<uint8_t*> planes;
+    uint8_t** pv = nullptr;  // planes, moved so that pv[z] is plane z of the box
+    uint8_t* base = nullptr; // contiguous layout: element (0, 0, 0)
+    int rowStep = 1, sliceStep = 1;
+    Vol(Input& in, Arena& a, const QelBox3D& b, int es, bool contiguous) {
+        const bool ok = wellFormed(b);
+        const int w = ok ? b.width : 1, h = ok ? b.height : 1, d = ok ? b.depth : 1;
+        rowStep = (w + in.range(0, 1) * in.range(1, 3)) * es;
+        const size_t plane = size_t(h - 1) * rowStep + size_t(w) * es;
+        const int64_t shift = ok ? -(int64_t{b.x} * es + int64_t{b.y} * rowStep) : 0;
+        if (contiguous) {
+            sliceStep = int(h * rowStep + in.range(0, 1) * es);
+            uint8_t* p = a.alloc<uint8_t>(size_t(d - 1) * sliceStep + plane);
+            for (size_t i = 0; i < size_t(d - 1) * sliceStep + plane; ++i) p[i] = in.u8();
+            base = movedBy(p, shift - (ok ? int64_t{b.z} * sliceStep : 0));
+        } else {
+            for (int k = 0; k < d; ++k) {
+                uint8_t* p = a.alloc<uint8_t>(plane);
+                for (size_t i = 0; i < plane; ++i) p[i] = in.u8();
+                planes.push_back(movedBy(p, shift));
+            }
+            pv = movedBy(planes.data(), ok ? -int64_t{b.z} * 8 : 0);
+        }
+    }
+};
+
+template <class T>
+QelStatus resize(Input& in, Arena& a, bool contiguous, bool big) {
+    const QelVolumeSize ss{extent(in, big), extent(in, big), extent(in, big)};
+    const QelBox3D sb = box(in, ss, big), db = box(in, ss, big);
+    double f[6];
+    for (int i = 0; i < 3; ++i) f[i] = in.u8() < 200 ? in.range(1, 12) / 4.0 : in.f64();
+    for (int i = 3; i < 6; ++i) f[i] = in.f64();
+    const int mode = in.range(0, 8);
+    int bytes = 0;
+    if (qelrResizeGetBufSize(sb, db, 1, mode, &bytes) != qelOk) bytes = in.range(0, 64);
+    uint8_t* work = a.alloc<uint8_t>(size_t(bytes));
+    const bool ok = ss.width > 0 && ss.height > 0 && ss.depth > 0;
+    const QelBox3D whole{0, 0, 0, ok ? ss.width : 1, ok ? ss.height : 1, ok ? ss.depth : 1};
+    Vol src(in, a, whole, sizeof(T), contiguous), dst(in, a, db, sizeof(T), contiguous);
+    if (contiguous) {
+        QelStatus (*fn)(const T*, QelVolumeSize, int, int, QelBox3D, T*, int, int, QelBox3D, double, double,
+                        double, double, double, double, int, QelU8*);
+        if constexpr (sizeof(T) == 1) fn = qelrResize_8u_C1V;
+        else if constexpr (sizeof(T) == 2) fn = qelrResize_16u_C1V;
+        else fn = qelrResize_32f_C1V;
+        return fn(reinterpret_cast<const T*>(src.base), ss, src.rowStep, src.sliceStep, sb,
+                  reinterpret_cast<T*>(dst.base), dst.rowStep, dst.sliceStep, db, f[0], f[1], f[2], f[3], f[4],
+                  f[5], mode, work);
+    }
+    QelStatus (*fn)(const T* const*, QelVolumeSize, int, QelBox3D, T* const*, int, QelBox3D, double, double,
+                    double, double, double, double, int, QelU8*);
+    if constexpr (sizeof(T) == 1) fn = qelrResize_8u_C1PV;
+    else if constexpr (sizeof(T) == 2) fn = qelrResize_16u_C1PV;
+    else fn = qelrResize_32f_C1PV;
+    return fn(reinterpret_cast<const T* const*>(src.pv), ss, src.rowStep, sb, reinterpret_cast<T* const*>(dst.pv),
+              dst.rowStep, db, f[0], f[1], f[2], f[3], f[4], f[5], mode, work);
+}
+
+template <class T>
+QelStatus remapOrWarp(Input& in, Arena& a, bool warp, bool big) {
+    const QelVolumeSize ss{extent(in, big), extent(in, big), in.flag() ? 1 : extent(in, big)};
+    const QelBox3D sb = box(in, ss, big);
+    const int mode = in.range(0, 8);
+    const bool ok = ss.width > 0 && ss.height > 0 && ss.depth > 0;
+    const QelBox3D whole{0, 0, 0, ok ? ss.width : 1, ok ? ss.height : 1, ok ? ss.depth : 1};
+    Vol src(in, a, whole, sizeof(T), false);
+    // Steps below 1 are refused by the single-plane remap; elsewhere they are
+    // the caller's to get right.
+    const bool badStep = !warp && ss.depth == 1 && in.u8() < 16;
+    const int srcStep = badStep ? in.range(-2, 0) : src.rowStep;
+    if (warp) {
+        const QelBox3D db = box(in, ss, big);
+        Vol dst(in, a, db, sizeof(T), false);
+        double c[3][4];
+        const bool raw = in.u8() < 64;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 4; ++j) c[i][j] = raw ? in.f64() : (i == j) + in.range(-4, 4) / 4.0;
+        QelStatus (*fn)(const T* const*, QelVolumeSize, int, QelBox3D, T* const*, int, QelBox3D,
+                        const double(*)[4], int);
+        if constexpr (sizeof(T) == 1) fn = qelrWarpAffine_8u_C1PV;
+        else if constexpr (sizeof(T) == 2) fn = qelrWarpAffine_16u_C1PV;
+        else fn = qelrWarpAffine_32f_C1PV;
+        return fn(reinterpret_cast<const T* const*>(src.pv), ss, src.rowStep, sb, reinterpret_cast<T* const*>(dst.pv),
+                  dst.rowStep, db, c, mode);
+    }
+    const QelVolumeSize dv{extent(in, big), extent(in, big), extent(in, big)};
+    const bool dok = dv.width > 0 && dv.height > 0 && dv.depth > 0;
+    const QelBox3D dwhole{0, 0, 0, dok ? dv.width : 1, dok ? dv.height : 1, dok ? dv.depth : 1};
+    Vol dst(in, a, dwhole, sizeof(T), false);
+    const int mapStep = dwhole.width * 4;
+    const float scale = float(in.range(1, 8));
+    const float* const* maps[3];
+    for (int m = 0; m < 3; ++m) {
+        float** planes = a.alloc<float*>(size_t(dwhole.depth));
+        for (int k = 0; k < dwhole.depth; ++k) {
+            const size_t n = size_t(dwhole.width) * dwhole.height;
+            planes[k] = a.alloc<float>(n);
+            for (size_t i = 0; i < n; ++i) planes[k][i] = in.f32() * scale;
+        }
+        maps[m] = planes;
+    }
+    QelStatus (*fn)(const T* const*, QelVolumeSize, int, QelBox3D, const float* const*, const float* const*,
+                    const float* const*, int, T* const*, int, QelVolumeSize, int);
+    if constexpr (sizeof(T) == 1) fn = qelrRemap_8u_C1PV;
+    else if constexpr (sizeof(T) == 2) fn = qelrRemap_16u_C1PV;
+    else fn = qelrRemap_32f_C1PV;
+    return fn(reinterpret_cast<const T* const*>(src.pv), ss, srcStep, sb, maps[0], maps[1], maps[2],
+              badStep && in.flag() ? 0 : mapStep, reinterpret_cast<T* const*>(dst.pv), dst.rowStep, dv, mode);
+}
+
+QelStatus filter(Input& in, Arena& a, bool big) {
+    const QelVolumeSize roi{extent(in, big), extent(in, big), extent(in, big)};
+    const QelVolumeSize ks{in.u8() < 8 ? in.size(1) : in.range(1, 5), in.range(1, 3), in.range(1, 3)};
+    const QelOffset3D an{in.range(-1, 4), in.range(-1, 3), in.range(-1, 3)};
+    const int divisors[] = {0, 1, -1, 2, 3, 4, -7, 64, INT32_MIN, INT32_MAX};
+    const int divisor = divisors[in.range(0, 9)];
+    int bytes = 0;
+    if (qelrFilterGetBufSize(roi, ks, 1, &bytes) != qelOk) bytes = 0;
+    uint8_t* work = a.alloc<uint8_t>(size_t(bytes));
+    if (!(roi.width > 0 && roi.height > 0 && roi.depth > 0 && ks.width > 0 && ks.height > 0 && ks.depth > 0)) {
+        int16_t* one[1] = {a.alloc<int16_t>(1)};
+        int32_t k = 1;
+        return qelrFilter_16s_C1PV(one, 2, one, 2, roi, &k, ks, an, divisor, work);
+    }
+    // The source region the kernel reaches, per axis: [anchor - (k - 1), roi - 1 + anchor].
+    const int lo[3] = {an.x - (ks.width - 1), an.y - (ks.height - 1), an.z - (ks.depth - 1)};
+    const int hi[3] = {roi.width - 1 + an.x, roi.height - 1 + an.y, roi.depth - 1 + an.z};
+    Vol src(in, a, {0, 0, 0, hi[0] - lo[0] + 1, hi[1] - lo[1] + 1, hi[2] - lo[2] + 1}, 2, false);
+    for (uint8_t*& p : src.planes) p = movedBy(p, -(int64_t{lo[0]} * 2 + int64_t{lo[1]} * src.rowStep));
+    Vol dst(in, a, {0, 0, 0, roi.width, roi.height, roi.depth}, 2, false);
+    const size_t kn = size_t(ks.width) * ks.height * ks.depth;
+    int32_t* kernel = a.alloc<int32_t>(kn);
+    for (size_t i = 0; i < kn; ++i) kernel[i] = in.u8() < 240 ? in.range(-8, 8) : int32_t(in.u32());
+    return qelrFilter_16s_C1PV(reinterpret_cast<const int16_t* const*>(movedBy(src.planes.data(), -int64_t{lo[2]} * 8)),
+                               src.rowStep, reinterpret_cast<int16_t* const*>(dst.pv), dst.rowStep, roi, kernel, ks,
+                               an, divisor, work);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Input in(data, size);
+    Arena a;
+    const int fn = in.range(0, 15);
+    qelSetNumThreads(in.range(1, 3));
+    const bool big = in.u8() < 6;
+    QelStatus st = qelOk;
+    switch (fn) {
+        case 0: {  // resize cuboid and the three buffer-size queries
+            const QelVolumeSize v{8, 8, 8};
+            const QelBox3D s = box(in, v, big), d = box(in, v, big);
+            const int mode = in.range(0, 8), ch = in.flag() ? 1 : in.size(3);
+            QelBox3D out{};
+            int bytes = 0;
+            switch (in.range(0, 3)) {
+                case 0: st = qelrGetResizeCuboid(s, &out, in.f64(), in.f64(), in.f64(), in.f64(), in.f64(), in.f64(), mode); break;
+                case 1: st = qelrResizeGetBufSize(s, d, ch, mode, &bytes); break;
+                case 2: st = qelrWarpAffineGetBufSize(s, d, ch, mode, &bytes); break;
+                default: st = qelrFilterGetBufSize({s.x, s.y, s.z}, {d.x, d.y, d.z}, ch, &bytes); break;
+            }
+            if (st == qelOk && bytes < 0) abort();
+            break;
+        }
+        case 1: case 2: case 3: case 4: case 5: case 6: {
+            const bool contiguous = fn <= 3;
+            const int t = (fn - 1) % 3;
+            st = t == 0 ? resize<uint8_t>(in, a, contiguous, big)
+               : t == 1 ? resize<uint16_t>(in, a, contiguous, big) : resize<float>(in, a, contiguous, big);
+            break;
+        }
+        case 7: case 8: case 9: case 10: case 11: case 12: {
+            const bool warp = fn >= 10;
+            const int t = (fn - 7) % 3;
+            st = t == 0 ? remapOrWarp<uint8_t>(in, a, warp, big)
+               : t == 1 ? remapOrWarp<uint16_t>(in, a, warp, big) : remapOrWarp<float>(in, a, warp, big);
+            break;
+        }
+        default: st = filter(in, a, big); break;
+    }
+    // Only documented statuses.
+    static const int known[] = {0, 1, 29, 40, -4, -6, -8, -14, -22, -23, -53, -56};
+    bool found = false;
+    for (int k : known) found |= st == k;
+    if (!found) abort();
+    return 0;
+}

@@ -1,0 +1,551 @@
+// Bad input for every export: each row is one call with one faulty argument
+// (a null pointer, a size of 0 or below, a mode or enum out of range, a step
+// below a row, a byte count past 32 bits, NaN or infinity) and the status the
+// function documents for it. Every output of every row lives in one block
+// filled with a canary; the rows expect nothing written, so the block must be
+// intact after each call. Where checks overlap, rows with two faults pin the
+// order of the checks (the first failing check decides).
+#include <gtest/gtest.h>
+#include <qelr.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <set>
+#include <string>
+
+namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr uint8_t kCanary = 0xA5;
+
+// Outputs: every pointer a row may write through points into gOut.
+alignas(64) uint8_t gOut[1 << 16];
+float* const Of = reinterpret_cast<float*>(gOut);
+int* const Oi = reinterpret_cast<int*>(gOut + 8192);
+float* const O3[3] = {Of, Of + 256, Of + 512};
+float* const O3m[3] = {Of + 1, Of + 257, Of + 513};  // off the 16-byte boundary
+void* const Ov = gOut + 16384;
+
+// Inputs: unit-length values, indices and masks 0 (processed).
+alignas(64) float gIn[4096];
+alignas(64) int gZero[1024];
+alignas(64) uint8_t gEngineRec[1024];   // recurrence state, order 2
+alignas(64) uint8_t gEngineRec20[4096]; // recurrence state, order 20
+alignas(64) uint8_t gEngineBad[64];     // selector 5 written by hand
+const float* const F = gIn;
+const int* const M = gZero;
+const float* const I3[3] = {gIn, gIn + 256, gIn + 512};
+const float* const I2[2] = {gIn, gIn + 256};
+const float* const I3n[3] = {gIn, nullptr, gIn};  // one plane null
+float* const O3n[3] = {Of, nullptr, Of};
+const QelSHEngine* const E = reinterpret_cast<const QelSHEngine*>(gEngineRec);
+const QelSHEngine* const E20 = reinterpret_cast<const QelSHEngine*>(gEngineRec20);
+const QelSHEngine* const Ebad = reinterpret_cast<const QelSHEngine*>(gEngineBad);
+constexpr float L3[3] = {0.5f, 0.5f, 0.5f};
+constexpr std::nullptr_t N = nullptr;
+
+// Volumes: 4x4x4 sources (planes of gIn bytes) and destinations in gOut.
+const void* const S4[4] = {gIn, gIn + 64, gIn + 128, gIn + 192};
+void* const D4[4] = {gOut, gOut + 4096, gOut + 8192, gOut + 12288};
+const float* const MAP[4] = {gIn, gIn + 64, gIn + 128, gIn + 192};
+constexpr QelVolumeSize V4{4, 4, 4};
+constexpr QelVolumeSize V1{4, 4, 1};  // single plane
+constexpr QelBox3D B4{0, 0, 0, 4, 4, 4};
+constexpr double kId[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+constexpr double kZeroDiag[3][4] = {{0, 1, 0, 0}, {1, 0, 0, 0}, {0, 1, 0, 0}};
+constexpr double kRows12[3][4] = {{9, 1, 1, 0}, {0, 1, 2, 0}, {0, 2, 4, 0}};  // rows 1, 2 proportional
+constexpr double kRows01[3][4] = {{1, 1, 0, 0}, {1, 1, 0, 0}, {0, 0, 1, 0}};  // det 0
+constexpr double kNaNs[3][4] = {{NAN, 0, 0, 0}, {0, NAN, 0, 0}, {0, 0, NAN, 0}};
+
+QelBox3D box(int i, int v) {  // B4 with field i (x, y, z, width, height, depth) set to v
+    QelBox3D b = B4;
+    (&b.x)[i] = v;
+    return b;
+}
+QelVolumeSize vol(int i, int v) {
+    QelVolumeSize s = V4;
+    (&s.width)[i] = v;
+    return s;
+}
+
+// One call per element type (t = 0 8u, 1 16u, 2 32f) and, for resize, layout
+// (t + 3: contiguous).
+struct Scale {
+    double s[3] = {1, 1, 1};
+    double o[3] = {0, 0, 0};
+};
+Scale sc(int i, double v) {
+    Scale s;
+    (i < 3 ? s.s[i] : s.o[i - 3]) = v;
+    return s;
+}
+QelStatus resize(int t, const void* const* src, QelVolumeSize ss, int step, QelBox3D sb, void* const* dst,
+                 QelBox3D db, Scale f, int mode, void* work) {
+    using U8 = const QelU8* const*;
+    using U16 = const uint16_t* const*;
+    using F32 = const float* const*;
+    const int ds = 16 * (1 + t % 3);
+    const void* s0 = src ? src[0] : nullptr;
+    void* d0 = dst ? dst[0] : nullptr;
+    auto* w = static_cast<QelU8*>(work);
+    switch (t) {
+        case 0: return qelrResize_8u_C1PV(U8(src), ss, step, sb, (QelU8* const*)dst, ds, db, f.s[0], f.s[1], f.s[2], f.o[0], f.o[1], f.o[2], mode, w);
+        case 1: return qelrResize_16u_C1PV(U16(src), ss, step, sb, (uint16_t* const*)dst, ds, db, f.s[0], f.s[1], f.s[2], f.o[0], f.o[1], f.o[2], mode, w);
+        case 2: return qelrResize_32f_C1PV(F32(src), ss, step, sb, (float* const*)dst, ds, db, f.s[0], f.s[1], f.s[2], f.o[0], f.o[1], f.o[2], mode, w);
+        case 3: return qelrResize_8u_C1V((const QelU8*)s0, ss, step, 256, sb, (QelU8*)d0, ds, 4 * ds, db, f.s[0], f.s[1], f.s[2], f.o[0], f.o[1], f.o[2], mode, w);
+        case 4: return qelrResize_16u_C1V((const uint16_t*)s0, ss, step, 256, sb, (uint16_t*)d0, ds, 4 * ds, db, f.s[0], f.s[1], f.s[2], f.o[0], f.o[1], f.o[2], mode, w);
+        default: return qelrResize_32f_C1V((const float*)s0, ss, step, 256, sb, (float*)d0, ds, 4 * ds, db, f.s[0], f.s[1], f.s[2], f.o[0], f.o[1], f.o[2], mode, w);
+    }
+}
+QelStatus remap(int t, const void* const* src, QelVolumeSize ss, int step, QelBox3D sb, const float* const* px,
+                const float* const* py, const float* const* pz, int mapStep, void* const* dst, int dstStep,
+                QelVolumeSize dv, int mode) {
+    switch (t) {
+        case 0: return qelrRemap_8u_C1PV((const QelU8* const*)src, ss, step, sb, px, py, pz, mapStep, (QelU8* const*)dst, dstStep, dv, mode);
+        case 1: return qelrRemap_16u_C1PV((const uint16_t* const*)src, ss, step, sb, px, py, pz, mapStep, (uint16_t* const*)dst, dstStep, dv, mode);
+        default: return qelrRemap_32f_C1PV((const float* const*)src, ss, step, sb, px, py, pz, mapStep, (float* const*)dst, dstStep, dv, mode);
+    }
+}
+QelStatus warp(int t, const void* const* src, QelVolumeSize ss, QelBox3D sb, void* const* dst, QelBox3D db,
+               const double (*c)[4], int mode) {
+    switch (t) {
+        case 0: return qelrWarpAffine_8u_C1PV((const QelU8* const*)src, ss, 16, sb, (QelU8* const*)dst, 16, db, c, mode);
+        case 1: return qelrWarpAffine_16u_C1PV((const uint16_t* const*)src, ss, 32, sb, (uint16_t* const*)dst, 32, db, c, mode);
+        default: return qelrWarpAffine_32f_C1PV((const float* const*)src, ss, 64, sb, (float* const*)dst, 64, db, c, mode);
+    }
+}
+// Filter: 4x4x4 region, 3x3x3 kernel, anchor (1, 1, 1), divisor 1.
+const int32_t K27[27] = {1};
+QelStatus filter(const void* const* src, const void* const* dst, QelVolumeSize roi, const int32_t* k,
+                 QelVolumeSize ks, int divisor, void* work = Ov) {
+    return qelrFilter_16s_C1PV((const int16_t* const*)src, 16, (int16_t* const*)dst, 16, roi, k, ks, {1, 1, 1},
+                               divisor, static_cast<QelU8*>(work));
+}
+
+// The exports that the dispatchers above reach, by the row's leading call.
+const std::pair<std::string, std::set<std::string>> kDispatched[] = {
+    {"resize(", {"qelrResize_8u_C1PV", "qelrResize_16u_C1PV", "qelrResize_32f_C1PV", "qelrResize_8u_C1V",
+                 "qelrResize_16u_C1V", "qelrResize_32f_C1V"}},
+    {"remap(", {"qelrRemap_8u_C1PV", "qelrRemap_16u_C1PV", "qelrRemap_32f_C1PV"}},
+    {"warp(", {"qelrWarpAffine_8u_C1PV", "qelrWarpAffine_16u_C1PV", "qelrWarpAffine_32f_C1PV"}},
+    {"filter(", {"qelrFilter_16s_C1PV"}},
+};
+
+struct Row {
+    QelStatus want;
+    const char* call;
+    QelStatus (*run)(int t);  // t: element type/layout for the volume families
+    int types;                // how many t to run (1, 3 or 6)
+};
+#define R(want, ...) {want, #__VA_ARGS__, [](int) -> QelStatus { return __VA_ARGS__; }, 1}
+#define RT(n, want, ...) {want, #__VA_ARGS__, [](int t) -> QelStatus { return __VA_ARGS__; }, n}
+
+const Row kRows[] = {
+    // --- accelerator records, scene box, KD-tree ------------------------------
+    R(qelOk, qelrGetLibVersion() != nullptr ? qelOk : qelErrNullPointer),  // takes nothing, cannot fail
+    R(qelErrNullPointer, qelrTriangleAccelGetSize(N)),
+    R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, N, N, 0)),   // count below 1: nothing read or written
+    R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, F, M, -1)),
+    R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, F, M, INT_MIN)),
+    R(qelErrNullPointer, qelrSetBoundBox_32f(N, 3, Of)),
+    R(qelErrNullPointer, qelrSetBoundBox_32f(N, -1, Of)),
+    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc(N, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, N, M, 3, 1, Oi, &p); }()),
+    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, N, 3, 1, Oi, &p); }()),
+    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, N, &p); }()),
+    R(qelErrNullPointer, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, N)),
+    R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, -1, 1, Oi, N)),   // counts before params
+    R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, -1, Oi, N)),
+    R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, INT_MIN, INT_MIN, Oi, N)),
+    R(qelErrNullPointer, qelrKDTreeBuildAlloc(N, F, M, -1, -1, Oi, N)),          // pointers before counts
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdSingleLeaf, 51, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdSingleLeaf, UINT32_MAX, 0, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, INT_MAX, Oi, &p); }()),  // 16 + 4n bytes past 32 bits
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 51, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, -0.01f, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 1.01f, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, kNaN, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, kInf, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 60, 2, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),  // range before budget
+    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 0, 31, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 0, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 0, 0x2000, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),  // << 19 wraps to 0
+    R(qelErrUnknownAlgorithm, [] { KDTreeBuildParams p{0, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrUnknownAlgorithm, [] { KDTreeBuildParams p{UINT32_MAX, 99, kNaN, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelOk, qelrKDTreeFree(N)),
+
+    // --- eye rays, intersection, hit points -----------------------------------
+    R(qelErrNullPointer, qelrCastEye_32f(F, F, F, 4, 4, {0, 0}, N, {4, 4})),
+    R(qelErrNullPointer, qelrCastEye_32f(F, F, F, 4, 4, {0, 0}, N, {0, 0})),     // null before size
+    R(qelOk, qelrCastEye_32f(N, N, N, 4, 4, {0, 0}, O3, {4, 0})),
+    R(qelOk, qelrCastEye_32f(N, N, N, 4, 4, {0, 0}, O3, {0, 4})),
+    R(qelOk, qelrCastEye_32f(N, N, N, 4, 4, {0, 0}, O3m, {-4, 4})),              // vector-path width, negative
+    R(qelOk, qelrCastEye_32f(N, N, N, INT_MAX, INT_MAX, {INT_MAX, INT_MAX}, O3, {INT_MIN, 1})),
+    // Height below 1 returns before any pointer is read.
+    R(qelOk, qelrIntersectEyeSO_32f(N, N, N, N, N, N, {4, 0})),
+    R(qelOk, qelrIntersectEyeSO_32f(N, N, N, N, N, N, {4, -4})),
+    R(qelOk, qelrIntersectMO_32f(N, N, N, N, N, N, {4, 0})),
+    R(qelOk, qelrIntersectMO_32f(N, N, N, N, N, N, {1, INT_MIN})),
+    R(qelOk, qelrIntersectAnySO_32f(N, N, N, N, {4, 0}, N)),
+    R(qelOk, qelrIntersectAnySO_32f(N, N, N, N, {INT_MAX, -1}, N)),
+    R(qelOk, [] { QelLayeredSize s{4, 0, 2}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
+    R(qelOk, [] { QelLayeredSize s{4, -1, 1}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
+    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, N, M, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, N, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, N, F, M, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, M, N, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, M, N, 0, 1)),      // null before length
+    R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3, 0, kNaN)),
+    R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3m, -4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, I3, N, M, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, N, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, N, F, M, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, N, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(N, I3, F, M, O3, 4, 1)),
+    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(N, I3, F, M, O3, -1, 1)),
+    R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3, 0, kInf)),
+    R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3m, INT_MIN, 1)),
+
+    // --- normals and shading operations -------------------------------------
+    R(qelErrNullPointer, qelrTriangleNormal_32f(N, M, Of, 1)),
+    R(qelErrNullPointer, qelrTriangleNormal_32f(F, N, Of, 1)),
+    R(qelErrNullPointer, qelrTriangleNormal_32f(F, M, N, 1)),
+    R(qelErrNullPointer, qelrTriangleNormal_32f(F, M, N, -1)),
+    R(qelOk, qelrTriangleNormal_32f(F, M, Of, 0)),
+    R(qelOk, qelrTriangleNormal_32f(F, M, Of, INT_MIN)),
+    R(qelErrNullPointer, qelrSurfFlatNormal_32f(N, M, O3, 4)),
+    R(qelErrNullPointer, qelrSurfFlatNormal_32f(F, N, O3, 4)),
+    R(qelErrNullPointer, qelrSurfFlatNormal_32f(F, N, O3, 0)),
+    R(qelOk, qelrSurfFlatNormal_32f(F, M, N, 0)),                                // output pack not checked
+    R(qelOk, qelrSurfFlatNormal_32f(F, M, O3m, -4)),
+    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(N, M, M, I2, O3, 4, 4)),
+    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, N, M, I2, O3, 4, 4)),
+    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, N, I2, O3, 4, 4)),
+    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, N, O3, 4, 4)),
+    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, I2, N, 4, 4)),
+    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, I2, N, -1, 4)),
+    R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3, 0, 4)),
+    R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3m, -8, INT_MIN)),
+    R(qelErrNullPointer, qelrDot_32f_P3C1M(N, I3, M, Of, 4)),
+    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, N, M, Of, 4)),
+    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, N, Of, 4)),
+    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, M, N, 4)),
+    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, M, N, 0)),
+    R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of, 0)),
+    R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of + 1, -4)),
+    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(N, M, O3, Of, 4)),
+    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(I3, N, O3, Of, 4)),
+    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(I3, M, N, Of, 4)),
+    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(I3, M, O3, N, 4)),
+    R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3m, Of, 0)),
+    R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3, Of, -1)),
+    R(qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, N, M, Of, 4)),
+    R(qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, I3, N, Of, 4)),
+    R(qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, I3, M, N, 4)),
+    R(qelOk, qelrDistAttenuationSO_32f_M(N, I3, M, Of, 0)),                      // light not checked
+    R(qelOk, qelrDistAttenuationSO_32f_M(L3, I3, M, Of + 1, -4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, N, I3, I3, Oi, Of, O3, 4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, N, I3, Oi, Of, O3, 4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, N, Oi, Of, O3, 4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, N, Of, O3, 4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, N, O3, 4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, N, 4)),
+    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, N, 0)),
+    R(qelOk, qelrCastShadowSO_32f(N, F, I3, I3, Oi, Of, O3, 0)),
+    R(qelOk, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, O3m, -4)),
+    R(qelErrNullPointer, qelrCastReflectionRay_32f(N, M, I3, O3, 4)),
+    R(qelErrNullPointer, qelrCastReflectionRay_32f(I3, N, I3, O3, 4)),
+    R(qelErrNullPointer, qelrCastReflectionRay_32f(I3, M, N, O3, 4)),
+    R(qelErrNullPointer, qelrCastReflectionRay_32f(I3, M, I3, N, 4)),
+    R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3, 0)),
+    R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3m, -8)),
+    R(qelOk, qelrMul_32f_C1IM(N, N, N, 0)),                                      // no checks; length first
+    R(qelOk, qelrMul_32f_C1IM(F, M, Of, -4)),
+    R(qelErrNullPointer, qelrMul_32f_C1P3IM(N, M, O3, 4)),
+    R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, N, O3, 4)),
+    R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, M, N, 4)),
+    R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, M, N, 0)),
+    R(qelOk, qelrMul_32f_C1P3IM(F, M, O3m, -4)),
+    R(qelErrNullPointer, qelrDiv_32f_C1IM(N, M, Of, 4)),
+    R(qelErrNullPointer, qelrDiv_32f_C1IM(F, M, N, 4)),
+    R(qelErrNullPointer, qelrDiv_32f_C1IM(N, N, Of, 0)),
+    R(qelOk, qelrDiv_32f_C1IM(F, N, Of, 0)),                                     // mask not checked
+    R(qelOk, qelrDiv_32f_C1IM(F, M, Of + 1, INT_MIN)),
+    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, N, I3, M, O3, 4)),
+    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, F, N, M, O3, 4)),
+    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, N, O3, 4)),
+    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, M, N, 4)),
+    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, N, 0)),
+    R(qelOk, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, O3, 0)),                     // colour not checked
+    R(qelOk, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, M, O3m, -4)),
+
+    // --- spherical harmonics ------------------------------------------------
+    R(qelErrNullPointer, qelrSHGetSize_32f(2, qelSHDirect, N)),
+    R(qelErrNullPointer, qelrSHGetSize_32f(99, 7, N)),
+    R(qelErrSize, qelrSHGetSize_32f(16, qelSHDirect, (uint32_t*)Oi)),
+    R(qelErrSize, qelrSHGetSize_32f(UINT32_MAX, qelSHDirect, (uint32_t*)Oi)),
+    R(qelErrBadArgument, qelrSHGetSize_32f(2, 2, (uint32_t*)Oi)),
+    R(qelErrBadArgument, qelrSHGetSize_32f(2, UINT32_MAX, (uint32_t*)Oi)),
+    R(qelErrNullPointer, qelrSHInit_32f(N, 2, qelSHRecurrence)),
+    R(qelErrNullPointer, qelrSHInit_32f(N, 99, 9)),
+    R(qelErrSize, qelrSHInit_32f((QelSHEngine*)Ov, 16, qelSHDirect)),
+    R(qelErrBadArgument, qelrSHInit_32f((QelSHEngine*)Ov, 2, 2)),
+    R(qelErrBadArgument, qelrSHInit_32f((QelSHEngine*)Ov, 2, 0x80000000u)),
+    R(qelErrNullPointer, qelrSH_32f(N, F, F, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSH_32f(F, N, F, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSH_32f(F, F, N, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSH_32f(F, F, F, 1, N, 1, E)),
+    R(qelErrNullPointer, qelrSH_32f(F, F, F, 0, Of, 1, N)),
+    R(qelErrSize, qelrSH_32f(F, F, F, 0, Of, UINT32_MAX, E)),                      // count before order
+    R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 3, E)),                        // above the state's order
+    R(qelErrBadArgument, qelrSH_32f(F, F, F, -1, Of, 3, E)),
+    R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 16, E20)),                     // above 15
+    R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 0, Ebad)),                     // unknown selector
+    R(qelOk, qelrSH_32f(F, F, F, -1, Of, 2, E)),
+    R(qelOk, qelrSH_32f(F, F, F, INT_MIN, Of, 2, E)),
+    R(qelErrNullPointer, qelrSHBand_32f(N, F, F, 1, Of, 1)),
+    R(qelErrNullPointer, qelrSHBand_32f(F, N, F, 1, Of, 1)),
+    R(qelErrNullPointer, qelrSHBand_32f(F, F, N, 1, Of, 1)),
+    R(qelErrNullPointer, qelrSHBand_32f(F, F, F, 1, N, 99)),
+    R(qelErrBadArgument, qelrSHBand_32f(F, F, F, 0, Of, 16)),                      // band before count
+    R(qelErrBadArgument, qelrSHBand_32f(F, F, F, 1, Of, UINT32_MAX)),
+    R(qelErrSize, qelrSHBand_32f(F, F, F, 0, Of, 15)),
+    R(qelOk, qelrSHBand_32f(F, F, F, -1, Of, 15)),
+    // Transforms: every pointer and each plane of a P3 argument, then the
+    // count, then the order; a count below 0 does nothing.
+    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(N, F, F, F, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, N, F, F, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, N, F, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, N, 1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, F, 1, N, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 1, N)),
+    R(qelErrSize, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 9, E)),
+    R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 3, E)),
+    R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 16, E20)),
+    R(qelOk, qelrSHTFwd_32f_C1I(F, F, F, F, -1, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(N, F, F, F, 1, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, N, 1, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, 1, N, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, -1, O3n, 1, E)),         // a null plane, even with n < 0
+    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, 1, O3, 1, N)),
+    R(qelErrSize, qelrSHTFwd_32f_C3P3I(F, F, F, F, 0, O3, 1, E)),
+    R(qelErrBadArgument, qelrSHTFwd_32f_C3P3I(F, F, F, F, 2, O3, 3, E)),
+    R(qelOk, qelrSHTFwd_32f_C3P3I(F, F, F, F, INT_MIN, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, N, F, I3, 1, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, N, 1, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3n, 1, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, N, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, -1, O3n, 1, E)),
+    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, O3, 1, N)),
+    R(qelErrSize, qelrSHTFwd_32f_P3I(F, F, F, I3, 0, O3, 1, E)),
+    R(qelErrBadArgument, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, O3, 3, E)),
+    R(qelOk, qelrSHTFwd_32f_P3I(F, F, F, I3, -5, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_C1(N, 1, F, F, F, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_C1(F, 1, N, F, F, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_C1(F, 1, F, F, F, N, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, 1, N)),
+    R(qelErrSize, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, 0, E)),
+    R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 3, F, F, F, Of, 1, E)),
+    R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 17, F, F, F, Of, 1, E20)),
+    R(qelOk, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, -1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3(N, 1, F, F, F, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3n, 1, F, F, F, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, N, O3, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, N, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3n, -1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, 1, N)),
+    R(qelErrSize, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, 0, E)),
+    R(qelErrBadArgument, qelrSHTInv_32f_P3(I3, 3, F, F, F, O3, 1, E)),
+    R(qelOk, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, -1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(N, 1, F, F, F, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3n, 1, F, F, F, Of, -1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3, 1, N, F, F, Of, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, N, 1, E)),
+    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, 1, N)),
+    R(qelErrSize, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, 0, E)),
+    R(qelErrBadArgument, qelrSHTInv_32f_P3C3(I3, 3, F, F, F, Of, 1, E)),
+    R(qelOk, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, -1, E)),
+
+    // --- volumes: resize cuboid and buffer sizes ---------------------------
+    R(qelErrNullPointer, qelrGetResizeCuboid(B4, N, 1, 1, 1, 0, 0, 0, 1)),
+    R(qelErrNullPointer, qelrGetResizeCuboid(box(3, 0), N, 0, 0, 0, 0, 0, 0, 3)),
+    R(qelErrSize, qelrGetResizeCuboid(box(0, -1), (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 1)),
+    R(qelErrSize, qelrGetResizeCuboid(box(3, 0), (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 1)),
+    R(qelErrSize, qelrGetResizeCuboid(box(1, INT_MIN), (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 1)),
+    R(qelErrSize, qelrGetResizeCuboid(box(4, -1), (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 1)),
+    R(qelErrSize, qelrGetResizeCuboid(box(2, -1), (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 1)),
+    R(qelErrSize, qelrGetResizeCuboid(box(5, 0), (QelBox3D*)Ov, 0, 1, 1, 0, 0, 0, 3)),  // box before factor
+    R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 0, 1, 1, 0, 0, 0, 3)),        // factor before mode
+    R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, -1, 1, 0, 0, 0, 1)),
+    R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, -0.0, 0, 0, 0, 1)),
+    R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, -INFINITY, 0, 0, 0, 1)),
+    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 3)),
+    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 0)),
+    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 8)),
+    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, INT_MIN)),
+    R(qelWarnNothingToDo, qelrGetResizeCuboid(box(3, 1), (QelBox3D*)Ov, 0.25, 1, 1, 0, 0, 0, 1)),
+    R(qelWarnNothingToDo, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, -10, 0, 0, 1)),
+    R(qelWarnNothingToDo, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, NAN, 1, 1, 0, 0, 0, 1)),  // NaN passes the factor test
+    R(qelWarnNothingToDo, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, NAN, 0, 0, 1)),
+    R(qelWarnNothingToDo, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, INFINITY, 1, 1, 0, 0, 0, 1)),
+    R(qelErrNullPointer, qelrResizeGetBufSize(B4, B4, 1, 1, N)),
+    R(qelErrNullPointer, qelrResizeGetBufSize(box(0, -1), B4, 3, 3, N)),
+    R(qelErrSize, qelrResizeGetBufSize(box(0, -1), B4, 1, 1, Oi)),
+    R(qelErrSize, qelrResizeGetBufSize(B4, box(5, 0), 3, 3, Oi)),
+    R(qelErrChannels, qelrResizeGetBufSize(B4, B4, 3, 3, Oi)),                    // channels before mode
+    R(qelErrChannels, qelrResizeGetBufSize(B4, B4, 0, 1, Oi)),
+    R(qelErrInterpolation, qelrResizeGetBufSize(B4, B4, 1, 3, Oi)),
+    R(qelErrInterpolation, qelrResizeGetBufSize(B4, B4, 1, -2, Oi)),
+    R(qelErrSize, qelrResizeGetBufSize(B4, {0, 0, 0, 1 << 20, 1 << 12, 1}, 1, 4, Oi)),  // bytes past 32 bits
+    R(qelErrSize, qelrResizeGetBufSize(B4, {0, 0, 0, INT_MAX, 1, 1}, 1, 1, Oi)),
+    R(qelErrNullPointer, qelrWarpAffineGetBufSize(B4, B4, 1, 1, N)),
+    R(qelErrSize, qelrWarpAffineGetBufSize(box(2, -1), B4, 1, 1, Oi)),
+    R(qelErrSize, qelrWarpAffineGetBufSize(B4, box(4, 0), 2, 3, Oi)),
+    R(qelErrChannels, qelrWarpAffineGetBufSize(B4, B4, 2, 3, Oi)),
+    R(qelErrInterpolation, qelrWarpAffineGetBufSize(B4, B4, 1, 3, Oi)),
+    R(qelErrNullPointer, qelrFilterGetBufSize(V4, V4, 1, N)),
+    R(qelErrNullPointer, qelrFilterGetBufSize(vol(0, 0), V4, 3, N)),
+    R(qelErrSize, qelrFilterGetBufSize(vol(0, 0), V4, 3, Oi)),                    // size before channels
+    R(qelErrSize, qelrFilterGetBufSize(vol(1, -1), V4, 1, Oi)),
+    R(qelErrSize, qelrFilterGetBufSize(vol(2, 0), V4, 1, Oi)),
+    R(qelErrSize, qelrFilterGetBufSize(V4, vol(0, 0), 1, Oi)),
+    R(qelErrSize, qelrFilterGetBufSize(V4, vol(2, INT_MIN), 1, Oi)),
+    R(qelErrChannels, qelrFilterGetBufSize(V4, V4, 3, Oi)),
+    R(qelErrChannels, qelrFilterGetBufSize(V4, V4, 0, Oi)),
+    R(qelErrSize, qelrFilterGetBufSize(vol(0, INT_MAX), V4, 1, Oi)),              // bytes past 32 bits
+
+    // --- resize: 3 types x 2 layouts per row ------------------------------------
+    RT(6, qelErrNullPointer, resize(t, N, V4, 16, B4, D4, B4, {}, 1, Ov)),
+    RT(6, qelErrNullPointer, resize(t, S4, V4, 16, B4, N, B4, {}, 1, Ov)),
+    RT(6, qelErrNullPointer, resize(t, S4, V4, 16, B4, D4, B4, {}, 1, N)),
+    RT(6, qelErrNullPointer, resize(t, S4, vol(0, 0), 16, box(0, -1), D4, B4, sc(0, 0), 3, N)),
+    RT(6, qelErrSize, resize(t, S4, vol(0, 0), 16, B4, D4, B4, {}, 1, Ov)),
+    RT(6, qelErrSize, resize(t, S4, vol(1, -1), 16, B4, D4, B4, {}, 1, Ov)),
+    RT(6, qelErrSize, resize(t, S4, vol(2, INT_MIN), 16, B4, D4, B4, {}, 1, Ov)),
+    RT(6, qelErrSize, resize(t, S4, V4, 16, box(0, -1), D4, B4, {}, 1, Ov)),
+    RT(6, qelErrSize, resize(t, S4, V4, 16, box(4, 0), D4, B4, {}, 1, Ov)),
+    RT(6, qelErrSize, resize(t, S4, V4, 16, B4, D4, box(2, -1), {}, 1, Ov)),
+    RT(6, qelErrSize, resize(t, S4, V4, 16, B4, D4, box(5, 0), sc(0, 0), 3, Ov)),
+    RT(6, qelErrFactor, resize(t, S4, V4, 16, B4, D4, B4, sc(0, 0), 3, Ov)),
+    RT(6, qelErrFactor, resize(t, S4, V4, 16, B4, D4, B4, sc(1, -1), 1, Ov)),
+    RT(6, qelErrFactor, resize(t, S4, V4, 16, B4, D4, B4, sc(2, -0.0), 1, Ov)),
+    RT(6, qelErrInterpolation, resize(t, S4, V4, 16, B4, D4, B4, {}, 3, Ov)),
+    RT(6, qelErrInterpolation, resize(t, S4, V4, 16, B4, D4, B4, {}, 0, Ov)),
+    RT(6, qelErrInterpolation, resize(t, S4, V4, 16, B4, D4, B4, {}, 99, Ov)),
+    RT(6, qelWarnRegionOutsideVolume, resize(t, S4, V4, 16, box(0, 4), D4, B4, {}, 1, Ov)),
+    RT(6, qelWarnRegionOutsideVolume, resize(t, S4, V4, 16, box(2, INT_MAX), D4, B4, {}, 2, Ov)),
+    RT(6, qelWarnNothingToDo, resize(t, S4, V4, 16, B4, D4, B4, sc(3, 4), 1, Ov)),  // mapped box beside the destination
+    RT(6, qelWarnNothingToDo, resize(t, S4, V4, 16, B4, D4, B4, sc(0, 1e-9), 2, Ov)),
+    RT(6, qelWarnNothingToDo, resize(t, S4, V4, 16, B4, D4, B4, sc(4, NAN), 4, Ov)),
+    RT(6, qelWarnNothingToDo, resize(t, S4, V4, 16, B4, D4, B4, sc(0, NAN), 1, Ov)),
+
+    // --- remap: 3 types per row ---------------------------------------------
+    RT(3, qelErrNullPointer, remap(t, N, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrNullPointer, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, N, 16, V4, 1)),
+    RT(3, qelErrNullPointer, remap(t, S4, V4, 16, B4, N, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrNullPointer, remap(t, S4, V4, 16, B4, MAP, N, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrNullPointer, remap(t, S4, V4, 16, B4, MAP, MAP, N, 16, D4, 16, V4, 3)),
+    RT(3, qelErrSize, remap(t, S4, vol(0, 0), 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 3)),
+    RT(3, qelErrSize, remap(t, S4, vol(2, -1), 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrSize, remap(t, S4, V4, 16, box(0, -1), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrSize, remap(t, S4, V4, 16, box(3, 0), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrSize, remap(t, S4, V4, 16, box(1, INT_MIN), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrSize, remap(t, S4, V4, 16, box(5, 0), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrSize, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, vol(1, 0), 1)),
+    RT(3, qelErrSize, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, vol(2, -4), 3)),
+    RT(3, qelErrInterpolation, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 3)),
+    RT(3, qelErrInterpolation, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 16)),
+    RT(3, qelErrInterpolation, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, -1)),
+    RT(3, qelWarnRegionOutsideVolume, remap(t, S4, V4, 16, box(0, 4), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelWarnRegionOutsideVolume, remap(t, S4, V4, 16, box(2, INT_MAX), MAP, MAP, MAP, 16, D4, 16, V4, 2)),
+    // Single plane: its own mode set, steps of at least 1, warning 29.
+    RT(3, qelErrInterpolation, remap(t, S4, V1, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 5)),
+    RT(3, qelErrInterpolation, remap(t, S4, V1, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 7)),
+    RT(3, qelErrInterpolation, remap(t, S4, V1, 0, B4, MAP, MAP, MAP, 16, D4, 16, V4, 5)),  // mode before step
+    RT(3, qelErrStep, remap(t, S4, V1, 0, B4, MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelErrStep, remap(t, S4, V1, 16, B4, MAP, MAP, MAP, -16, D4, 16, V4, 2)),
+    RT(3, qelErrStep, remap(t, S4, V1, 16, B4, MAP, MAP, MAP, 16, D4, INT_MIN, V4, 4)),
+    RT(3, qelWarnRegionOutsidePlane, remap(t, S4, V1, 16, box(0, 4), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
+    RT(3, qelWarnRegionOutsidePlane, remap(t, S4, V1, 16, box(1, 9), MAP, MAP, MAP, 16, D4, 16, V4, 6)),
+
+    // --- affine warp: 3 types per row ---------------------------------------
+    RT(3, qelErrNullPointer, warp(t, N, V4, B4, D4, B4, kId, 1)),
+    RT(3, qelErrNullPointer, warp(t, S4, V4, B4, N, B4, kId, 1)),
+    RT(3, qelErrNullPointer, warp(t, N, vol(0, 0), B4, D4, B4, N, 3)),
+    RT(3, qelErrSize, warp(t, S4, vol(0, 0), B4, D4, B4, kZeroDiag, 3)),
+    RT(3, qelErrSize, warp(t, S4, vol(1, INT_MIN), B4, D4, B4, kId, 1)),
+    RT(3, qelErrSize, warp(t, S4, V4, box(0, -1), D4, B4, kId, 1)),
+    RT(3, qelErrSize, warp(t, S4, V4, box(4, 0), D4, B4, kId, 1)),
+    RT(3, qelErrSize, warp(t, S4, V4, B4, D4, box(2, -1), kZeroDiag, 3)),
+    RT(3, qelErrSize, warp(t, S4, V4, B4, D4, box(5, 0), kId, 1)),
+    RT(3, qelErrSingularTransform, warp(t, S4, V4, B4, D4, B4, kZeroDiag, 3)),  // before the mode
+    RT(3, qelErrSingularTransform, warp(t, S4, V4, B4, D4, B4, kRows12, 1)),
+    RT(3, qelErrSingularTransform, warp(t, S4, V4, B4, D4, B4, kRows01, 2)),
+    RT(3, qelErrSingularTransform, warp(t, S4, V1, B4, D4, B4, kRows01, 2)),   // single plane
+    RT(3, qelErrInterpolation, warp(t, S4, V4, B4, D4, B4, kId, 3)),
+    RT(3, qelErrInterpolation, warp(t, S4, V1, B4, D4, B4, kId, 0)),
+    RT(3, qelErrInterpolation, warp(t, S4, V4, box(0, 9), D4, B4, kId, 8)),  // mode before the origin test
+    RT(3, qelWarnRegionOutsideVolume, warp(t, S4, V4, box(0, 4), D4, B4, kId, 1)),
+    RT(3, qelWarnRegionOutsideVolume, warp(t, S4, V4, box(2, INT_MAX), D4, B4, kId, 6)),
+    RT(3, qelWarnRegionOutsideVolume, warp(t, S4, V1, box(1, 4), D4, B4, kId, 1)),
+    RT(3, qelOk, warp(t, S4, V4, B4, D4, B4, kNaNs, 2)),  // NaN maps every element outside: nothing written
+    RT(3, qelOk, warp(t, S4, V1, B4, D4, B4, kNaNs, 1)),
+
+    // --- filter ---------------------------------------------------------------
+    R(qelErrNullPointer, filter(N, D4, V4, K27, {3, 3, 3}, 1)),
+    R(qelErrNullPointer, filter(S4, N, V4, K27, {3, 3, 3}, 1)),
+    R(qelErrNullPointer, filter(S4, D4, V4, N, {3, 3, 3}, 1)),
+    R(qelErrNullPointer, filter(S4, D4, vol(0, 0), N, {0, 3, 3}, 0)),
+    R(qelErrSize, filter(S4, D4, vol(0, 0), K27, {3, 3, 3}, 1)),
+    R(qelErrSize, filter(S4, D4, vol(1, -1), K27, {3, 3, 3}, 1)),
+    R(qelErrSize, filter(S4, D4, vol(2, INT_MIN), K27, {3, 3, 3}, 1)),
+    R(qelErrSize, filter(S4, D4, V4, K27, {0, 3, 3}, 1)),
+    R(qelErrSize, filter(S4, D4, V4, K27, {3, -3, 3}, 1)),
+    R(qelErrSize, filter(S4, D4, V4, K27, {3, 3, 0}, 0)),
+    R(qelErrSize, filter(S4, D4, V4, K27, {3, 3, 3}, 0)),
+    R(qelErrSize, filter(S4, D4, V4, K27, {3, 3, 3}, 0, N)),   // work buffer not checked
+    R(qelErrSize, filter(S4, D4, vol(0, INT_MAX), K27, {3, 3, 3}, 1)),  // buffer bytes past 32 bits
+};
+
+TEST(BadInput, EveryRowGivesItsStatusAndWritesNothing) {
+    for (int i = 0; i < 4096; ++i) gIn[i] = 0.5f;
+    ASSERT_EQ(qelrSHInit_32f((QelSHEngine*)gEngineRec, 2, qelSHRecurrence), qelOk);
+    uint32_t size = 0;
+    ASSERT_EQ(qelrSHGetSize_32f(20, qelSHRecurrence, &size), qelOk);
+    ASSERT_LE(size, sizeof gEngineRec20);
+    ASSERT_EQ(qelrSHInit_32f((QelSHEngine*)gEngineRec20, 20, qelSHRecurrence), qelOk);
+    ASSERT_EQ(qelrSHInit_32f((QelSHEngine*)gEngineBad, 0, qelSHDirect), qelOk);
+    const uint32_t badSelector = 5;
+    std::memcpy(gEngineBad + 4, &badSelector, 4);
+    std::set<std::string> covered;
+    for (int threads : {1, 3}) {
+        qelSetNumThreads(threads);
+        for (const Row& r : kRows) {
+            for (int t = 0; t < r.types; ++t) {
+                std::memset(gOut, kCanary, sizeof gOut);
+                EXPECT_EQ(r.run(t), r.want) << r.call << " (t = " << t << ")";
+                size_t changed = 0;
+                for (uint8_t b : gOut) changed += b != kCanary;
+                EXPECT_EQ(changed, 0u) << r.call << " (t = " << t << ") wrote to an output";
+            }
+            const std::string call = r.call;
+            for (size_t p = call.find("qelr"); p != std::string::npos; p = call.find("qelr", p + 1))
+                covered.insert(call.substr(p, call.find('(', p) - p));
+            for (const auto& [prefix, names] : kDispatched)
+                if (call.rfind(prefix, 0) == 0) covered.insert(names.begin(), names.end());
+        }
+    }
+    // Every export has rows.
+#define QELR_EXPORT(name) #name,
+    const std::set<std::string> exports = {
+#include "core/exports.inc"
+    };
+#undef QELR_EXPORT
+    EXPECT_EQ(covered, exports);
+}
+
+}  // namespace
