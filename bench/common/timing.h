@@ -51,18 +51,30 @@ inline double median(std::vector<double> v) {
     return v.empty() ? 0.0 : v[v.size() / 2];
 }
 
-// Thread CPU seconds of each variant: `rounds` rounds after one warm-up call
-// of each, every round calling every variant once; the median per variant.
-inline std::vector<double> interleavedMedians(const std::vector<std::function<void()>>& variants,
-                                              int rounds) {
-    std::vector<std::vector<double>> t(variants.size());
-    for (const auto& v : variants) v();
+// Thread CPU seconds per call of each candidate, the median over `rounds`
+// rounds; one round runs every candidate `inner` times after one untimed run
+// (so that each starts with its own data in the caches, whatever ran
+// before), starting one candidate further each round, so that a burst of
+// load hits them all alike and none always runs after the same one. With two
+// candidates or more, one more entry follows: the median over the rounds of
+// the first candidate's time over the second's (a paired ratio, steadier
+// than the ratio of medians when the load drifts).
+inline std::vector<double> interleavedMedians(const std::vector<std::function<void()>>& runs,
+                                              int rounds, int inner = 1) {
+    std::vector<std::vector<double>> t(runs.size());
     for (int r = 0; r < rounds; ++r) {
-        for (size_t k = 0; k < variants.size(); ++k) {
-            const double t0 = threadCpuSeconds();
-            variants[k]();
-            t[k].push_back(threadCpuSeconds() - t0);
+        for (size_t j = 0; j < runs.size(); ++j) {
+            const size_t k = (j + size_t(r)) % runs.size();
+            runs[k]();
+            const double a = threadCpuSeconds();
+            for (int i = 0; i < inner; ++i) runs[k]();
+            t[k].push_back((threadCpuSeconds() - a) / inner);
         }
+    }
+    if (runs.size() > 1) {
+        std::vector<double> ratio;
+        for (size_t r = 0; r < t[0].size(); ++r) ratio.push_back(t[0][r] / t[1][r]);
+        t.push_back(ratio);
     }
     std::vector<double> m;
     for (auto& v : t) m.push_back(median(v));

@@ -9,13 +9,13 @@
 //
 // The machine is shared: single-thread figures are medians of the thread's
 // CPU time over interleaved repetitions (every candidate once per round);
-// the two-thread triangle normals are medians of wall time.
+// the two-thread triangle normals are split by per-thread CPU time (run with
+// OMP_WAIT_POLICY=passive).
 #include <qelcore.h>
 #include <qelr.h>
 #include <time.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "core/dispatch.h"
+#include "timing.h"
 
 namespace {
 
@@ -34,38 +35,8 @@ using qelr::frame::Isa;
 int gRepetitions = 15;
 const char* gOnly = "";
 
-double threadSeconds() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
-}
-
-// Median seconds per call of each candidate, then the median over the rounds
-// of the first candidate's time over the second's (a paired ratio, steadier
-// than the ratio of medians when the load drifts); one round runs every candidate
-// `inner` times after one untimed run (so that each starts with its own data
-// in the caches, whatever ran before), starting one candidate further each
-// round, so that a burst of load hits them all alike and none always runs
-// after the same one.
 std::vector<double> medians(const std::vector<std::function<void()>>& runs, int inner) {
-    std::vector<std::vector<double>> t(runs.size());
-    for (int r = 0; r < gRepetitions; ++r) {
-        for (size_t j = 0; j < runs.size(); ++j) {
-            const size_t k = (j + r) % runs.size();
-            runs[k]();  // its own data in the caches, whatever ran before
-            const double a = threadSeconds();
-            for (int i = 0; i < inner; ++i) runs[k]();
-            t[k].push_back((threadSeconds() - a) / inner);
-        }
-    }
-    std::vector<double> m, ratio;
-    for (size_t r = 0; r < t[0].size() && runs.size() > 1; ++r) ratio.push_back(t[0][r] / t[1][r]);
-    t.push_back(ratio);
-    for (auto& v : t) {
-        std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-        m.push_back(v.empty() ? 0.0 : v[v.size() / 2]);
-    }
-    return m;  // and last, the median over rounds of time 0 / time 1
+    return qelr_bench::interleavedMedians(runs, gRepetitions, inner);
 }
 
 // 64-byte aligned planes of one ray pack; `offset` floats past the alignment
@@ -299,22 +270,13 @@ void benchTriangleNormals() {
     const auto one = medians({[&] { run(Isa::sse3); }, [&] { run(Isa::avx2); }}, 1);
     std::printf("  1 thread  (CPU time):  sse3 %7.1f  avx2 %7.1f  avx2/sse3 %.2f\n",
                 triangles / one[0] * 1e-6, triangles / one[1] * 1e-6, one[2]);
-    qelSetNumThreads(2);
-    double wall[2];
     for (Isa isa : {Isa::sse3, Isa::avx2}) {
-        std::vector<double> t;
-        run(isa);
-        for (int r = 0; r < gRepetitions; ++r) {
-            const auto a = std::chrono::steady_clock::now();
-            run(isa);
-            t.push_back(
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count());
-        }
-        std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
-        wall[isa == Isa::avx2] = t[t.size() / 2];
+        const qelr_bench::ThreadSplit split =
+            qelr_bench::splitOverTwoThreads([&] { run(isa); }, gRepetitions);
+        std::printf("  %s over 2 threads (per-thread CPU time): busiest %.1f Mtriangles/s, "
+                    "speedup %.2f\n", qelr::frame::isaName(isa),
+                    triangles / split.busiestOfTwo * 1e-6, split.speedup());
     }
-    std::printf("  2 threads (wall time): sse3 %7.1f  avx2 %7.1f\n", triangles / wall[0] * 1e-6,
-                triangles / wall[1] * 1e-6);
     qelSetNumThreads(saved);
 }
 
