@@ -83,19 +83,19 @@ class Planes {
 };
 
 // Per-vertex and per-triangle data for the surface normals.
-struct Mesh {
+struct NormalData {
     static constexpr int kTriangles = 1 << 16, kVertices = 1 << 15;
     float* vertexNormals = static_cast<float*>(qelMalloc(12 * kVertices));
     float* triangleNormals = static_cast<float*>(qelMalloc(12 * kTriangles));
     int* tris = static_cast<int*>(qelMalloc(16 * kTriangles));
-    Mesh() {
+    NormalData() {
         std::mt19937 rng(3);
         std::uniform_real_distribution<float> d(-1.0f, 1.0f);
         for (int i = 0; i < 3 * kVertices; ++i) vertexNormals[i] = d(rng);
         for (int i = 0; i < 3 * kTriangles; ++i) triangleNormals[i] = d(rng);
         for (int i = 0; i < 4 * kTriangles; ++i) tris[i] = int(rng() % kVertices);
     }
-    ~Mesh() {
+    ~NormalData() {
         qelFree(vertexNormals);
         qelFree(triangleNormals);
         qelFree(tris);
@@ -127,7 +127,7 @@ const float kColour[3] = {0.8f, 0.6f, 0.4f};
 
 #define V(name) QELR_VARIANT(isa, name)
 
-std::vector<Op> operations(const Mesh& mesh) {
+std::vector<Op> operations(const NormalData& mesh) {
     return {
         {"Dot_32f_P3C1M", 7, 1,
          [](Isa isa, Planes& p, int n) {
@@ -225,10 +225,10 @@ void benchRays(int len) {
     std::printf("%-24s %8s %8s %8s %8s %8s %6s %6s %6s\n", "operation", "sse3", "avx2", "sse3-1",
                 "avx2-1", "memcpy", "sse3/m", "avx2/m", "a2/s3");
     const int inner = std::max(1, (1 << 21) / len);
-    const Mesh mesh;
+    const NormalData mesh;
     Planes aligned(14, len, 0), misaligned(14, len, 1);
-    Mesh::hits(aligned, len);
-    Mesh::hits(misaligned, len);
+    NormalData::hits(aligned, len);
+    NormalData::hits(misaligned, len);
     std::vector<char> from(64 * size_t(len)), to(64 * size_t(len));
     for (const Op& op : operations(mesh)) {
         if (std::strstr(op.name, gOnly) == nullptr) continue;
