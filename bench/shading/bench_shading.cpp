@@ -9,13 +9,13 @@
 //
 // The machine is shared: single-thread figures are medians of the thread's
 // CPU time over interleaved repetitions (every candidate once per round);
-// the two-thread triangle normals are medians of wall time.
+// the two-thread triangle normals are split by per-thread CPU time (run with
+// OMP_WAIT_POLICY=passive).
 #include <qelcore.h>
 #include <qelr.h>
 #include <time.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "core/dispatch.h"
+#include "timing.h"
 
 namespace {
 
@@ -34,38 +35,8 @@ using qelr::frame::Isa;
 int gRepetitions = 15;
 const char* gOnly = "";
 
-double threadSeconds() {
-    timespec t;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
-}
-
-// Median seconds per call of each candidate, then the median over the rounds
-// of the first candidate's time over the second's (a paired ratio, steadier
-// than the ratio of medians when the load drifts); one round runs every candidate
-// `inner` times after one untimed run (so that each starts with its own data
-// in the caches, whatever ran before), starting one candidate further each
-// round, so that a burst of load hits them all alike and none always runs
-// after the same one.
 std::vector<double> medians(const std::vector<std::function<void()>>& runs, int inner) {
-    std::vector<std::vector<double>> t(runs.size());
-    for (int r = 0; r < gRepetitions; ++r) {
-        for (size_t j = 0; j < runs.size(); ++j) {
-            const size_t k = (j + r) % runs.size();
-            runs[k]();  // its own data in the caches, whatever ran before
-            const double a = threadSeconds();
-            for (int i = 0; i < inner; ++i) runs[k]();
-            t[k].push_back((threadSeconds() - a) / inner);
-        }
-    }
-    std::vector<double> m, ratio;
-    for (size_t r = 0; r < t[0].size() && runs.size() > 1; ++r) ratio.push_back(t[0][r] / t[1][r]);
-    t.push_back(ratio);
-    for (auto& v : t) {
-        std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-        m.push_back(v.empty() ? 0.0 : v[v.size() / 2]);
-    }
-    return m;  // and last, the median over rounds of time 0 / time 1
+    return qelr_bench::interleavedMedians(runs, gRepetitions, inner);
 }
 
 // 64-byte aligned planes of one ray pack; `offset` floats past the alignment
@@ -112,19 +83,19 @@ class Planes {
 };
 
 // Per-vertex and per-triangle data for the surface normals.
-struct Mesh {
+struct NormalData {
     static constexpr int kTriangles = 1 << 16, kVertices = 1 << 15;
     float* vertexNormals = static_cast<float*>(qelMalloc(12 * kVertices));
     float* triangleNormals = static_cast<float*>(qelMalloc(12 * kTriangles));
     int* tris = static_cast<int*>(qelMalloc(16 * kTriangles));
-    Mesh() {
+    NormalData() {
         std::mt19937 rng(3);
         std::uniform_real_distribution<float> d(-1.0f, 1.0f);
         for (int i = 0; i < 3 * kVertices; ++i) vertexNormals[i] = d(rng);
         for (int i = 0; i < 3 * kTriangles; ++i) triangleNormals[i] = d(rng);
         for (int i = 0; i < 4 * kTriangles; ++i) tris[i] = int(rng() % kVertices);
     }
-    ~Mesh() {
+    ~NormalData() {
         qelFree(vertexNormals);
         qelFree(triangleNormals);
         qelFree(tris);
@@ -156,7 +127,7 @@ const float kColour[3] = {0.8f, 0.6f, 0.4f};
 
 #define V(name) QELR_VARIANT(isa, name)
 
-std::vector<Op> operations(const Mesh& mesh) {
+std::vector<Op> operations(const NormalData& mesh) {
     return {
         {"Dot_32f_P3C1M", 7, 1,
          [](Isa isa, Planes& p, int n) {
@@ -254,10 +225,10 @@ void benchRays(int len) {
     std::printf("%-24s %8s %8s %8s %8s %8s %6s %6s %6s\n", "operation", "sse3", "avx2", "sse3-1",
                 "avx2-1", "memcpy", "sse3/m", "avx2/m", "a2/s3");
     const int inner = std::max(1, (1 << 21) / len);
-    const Mesh mesh;
+    const NormalData mesh;
     Planes aligned(14, len, 0), misaligned(14, len, 1);
-    Mesh::hits(aligned, len);
-    Mesh::hits(misaligned, len);
+    NormalData::hits(aligned, len);
+    NormalData::hits(misaligned, len);
     std::vector<char> from(64 * size_t(len)), to(64 * size_t(len));
     for (const Op& op : operations(mesh)) {
         if (std::strstr(op.name, gOnly) == nullptr) continue;
@@ -299,22 +270,13 @@ void benchTriangleNormals() {
     const auto one = medians({[&] { run(Isa::sse3); }, [&] { run(Isa::avx2); }}, 1);
     std::printf("  1 thread  (CPU time):  sse3 %7.1f  avx2 %7.1f  avx2/sse3 %.2f\n",
                 triangles / one[0] * 1e-6, triangles / one[1] * 1e-6, one[2]);
-    qelSetNumThreads(2);
-    double wall[2];
     for (Isa isa : {Isa::sse3, Isa::avx2}) {
-        std::vector<double> t;
-        run(isa);
-        for (int r = 0; r < gRepetitions; ++r) {
-            const auto a = std::chrono::steady_clock::now();
-            run(isa);
-            t.push_back(
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - a).count());
-        }
-        std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
-        wall[isa == Isa::avx2] = t[t.size() / 2];
+        const qelr_bench::ThreadSplit split =
+            qelr_bench::splitOverTwoThreads([&] { run(isa); }, gRepetitions);
+        std::printf("  %s over 2 threads (per-thread CPU time): busiest %.1f Mtriangles/s, "
+                    "speedup %.2f\n", qelr::frame::isaName(isa),
+                    triangles / split.busiestOfTwo * 1e-6, split.speedup());
     }
-    std::printf("  2 threads (wall time): sse3 %7.1f  avx2 %7.1f\n", triangles / wall[0] * 1e-6,
-                triangles / wall[1] * 1e-6);
     qelSetNumThreads(saved);
 }
 

@@ -112,9 +112,9 @@ bool mapAxis(int32_t s, int32_t n, int32_t t, int32_t m, double factor, double s
     const double first = s * factor + shift;
     const double last = srcEnd * factor + shift;
     const int32_t lo =
-        simd::truncToInt32((first < t ? static_cast<double>(t) : first) + 0.4999999999);
+        simd::truncToInt32((first < t ? static_cast<double>(t) : first) + kRoundStartDown);
     const int32_t hi =
-        simd::truncToInt32((last > dstEnd ? static_cast<double>(dstEnd) : last) + 0.5000000001);
+        simd::truncToInt32((last > dstEnd ? static_cast<double>(dstEnd) : last) + kRoundEndUp);
     if (!(lo >= t && lo < hi)) return false;
     a = {lo, hi - lo, srcExtent, 1.0 / factor, (0.0 - shift) / factor};
     return true;
@@ -143,14 +143,14 @@ QelStatus prepare(bool anyNull, QelVolumeSize srcSize, QelBox3D srcBox, QelBox3D
 // ---------------------------------------------------------------------------
 // Per-axis tables for destination coordinates lo + first .. lo + first + count - 1
 
-// Nearest: the position is moved down by 1e-10 so that one falling exactly on
+// Nearest: the position is moved down by kNearestDown so that one falling exactly on
 // an element boundary picks the lower element. An index outside the volume
 // (an edge mapping onto the last half element, or absurd factors) is clamped.
 void buildNearest(const Axis& a, int32_t first, int32_t count, int32_t* index) {
     for (int32_t k = 0; k < count; ++k) {
         const double d = static_cast<double>(a.lo + first + k);
-        index[k] =
-            clampTap(simd::truncToInt32((d + 0.5) * a.inv + a.invOffset - 1e-10), a.srcExtent);
+        const double p = (d + 0.5) * a.inv + a.invOffset - kNearestDown;
+        index[k] = clampTap(simd::truncToInt32(p), a.srcExtent);
     }
 }
 

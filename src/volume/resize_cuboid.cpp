@@ -17,8 +17,8 @@ struct AxisRange {
 AxisRange mapAxis(int32_t start, int32_t length, double factor, double shift) {
     const int32_t end =
         static_cast<int32_t>(static_cast<uint32_t>(start) + static_cast<uint32_t>(length));
-    const int32_t lo = simd::truncToInt32(start * factor + shift + 0.4999999999);
-    const int32_t hi = simd::truncToInt32(end * factor + shift + 0.5000000001);
+    const int32_t lo = simd::truncToInt32(start * factor + shift + volume::kRoundStartDown);
+    const int32_t hi = simd::truncToInt32(end * factor + shift + volume::kRoundEndUp);
     return {lo > 0 ? lo : 0, hi > 0 ? hi : 0};
 }
 

@@ -169,14 +169,25 @@ inline T roundToElement(float v) {
     }
 }
 
-// The resize rule: add 0.5000001, saturate, truncate toward zero.
+// Rounding constants of the resize, fixed by its published rules: a mapped
+// start with fraction exactly .5 rounds down and an end rounds up (so an edge
+// on a half element belongs to both ends); a nearest position moves down by
+// 1e-10 (one exactly on an element boundary takes the lower element); and a
+// sum converted to an integer type gains 0.5000001 before truncation (a sum a
+// few float steps under a half still rounds up).
+constexpr double kRoundStartDown = 0.4999999999;
+constexpr double kRoundEndUp = 0.5000000001;
+constexpr double kNearestDown = 1e-10;
+constexpr float kResizeHalf = 0.5000001f;
+
+// The resize rule: add kResizeHalf, saturate, truncate toward zero.
 template <class T>
 inline T truncateToElement(float v) {
     if constexpr (std::is_same_v<T, float>) {
         return v;
     } else {
         constexpr float lo = ElementLimits<T>::lo, hi = ElementLimits<T>::hi;
-        const float s = v + 0.5000001f;
+        const float s = v + kResizeHalf;
         return static_cast<T>(static_cast<int32_t>(s > lo ? (s < hi ? s : hi) : lo));
     }
 }
@@ -199,7 +210,7 @@ QELR_INLINE void storeTruncated(T* p, simd::F32<N> v) {
     if constexpr (std::is_same_v<T, float>) {
         simd::storeu(p, v);
     } else {
-        const simd::F32<N> s = v + simd::F32<N>(0.5000001f);
+        const simd::F32<N> s = v + simd::F32<N>(kResizeHalf);
         const simd::F32<N> c = simd::min(simd::max(s, simd::F32<N>(ElementLimits<T>::lo)),
                                          simd::F32<N>(ElementLimits<T>::hi));
         simd::storeSaturated(p, simd::truncToInt(c));

@@ -16,18 +16,28 @@ namespace qelr::QELR_ISA::volume::warp {
 
 namespace {
 
+// The screening thresholds of the published warp rules: a transform whose
+// three diagonal coefficients are all at most kTinyDiagonal, or whose rows 1
+// and 2 are dependent (every pair of minor products within a relative
+// kPairTolerance, a product at most kTinyProduct counting as zero), or whose
+// determinant lies within kMinDeterminant of zero is singular.
+constexpr double kTinyDiagonal = 1e-100;
+constexpr double kTinyProduct = 1e-200;
+constexpr double kPairTolerance = 1e-10;
+constexpr double kMinDeterminant = 1e-10;
+
 // Whether the pair (p, q) is (nearly) proportional: both tiny, or q within a
-// relative 1e-10 of p.
+// relative kPairTolerance of p.
 bool pairMatches(double p, double q) {
-    if (std::fabs(p) <= 1e-200) return std::fabs(q) <= 1e-10;
-    return std::fabs((p - q) / p) <= 1e-10;
+    if (std::fabs(p) <= kTinyProduct) return std::fabs(q) <= kPairTolerance;
+    return std::fabs((p - q) / p) <= kPairTolerance;
 }
 
 }  // namespace
 
 bool transformDegenerate(const double c[3][4]) {
-    if (std::fabs(c[0][0]) <= 1e-100 && std::fabs(c[1][1]) <= 1e-100 &&
-        std::fabs(c[2][2]) <= 1e-100) {
+    if (std::fabs(c[0][0]) <= kTinyDiagonal && std::fabs(c[1][1]) <= kTinyDiagonal &&
+        std::fabs(c[2][2]) <= kTinyDiagonal) {
         return true;
     }
     // Rows 1 and 2 of the linear part: the three 2x2 minors taken as pairs of
@@ -46,7 +56,7 @@ bool invertTransform(const double c[3][4], double inv[3][4]) {
     const double m01 = c[1][0] * c[2][2] - c[1][2] * c[2][0];
     const double m02 = c[1][0] * c[2][1] - c[1][1] * c[2][0];
     const double det = c[0][0] * m00 - c[0][1] * m01 + c[0][2] * m02;
-    if (det > -1e-10 && det < 1e-10) return false;
+    if (det > -kMinDeterminant && det < kMinDeterminant) return false;
     const double r = 1.0 / det;
     inv[0][0] = m00 * r;
     inv[0][1] = (c[0][2] * c[2][1] - c[0][1] * c[2][2]) * r;

@@ -15,7 +15,7 @@ namespace qelr::QELR_ISA::volume::warp {
 bool transformDegenerate(const double c[3][4]);
 
 // The inverse transform (adjugate times 1/det, translation carried through).
-// Returns false, leaving `inv` unset, when -1e-10 < det < 1e-10.
+// Returns false, leaving `inv` unset, when the determinant lies within 1e-10 of zero.
 bool invertTransform(const double c[3][4], double inv[3][4]);
 
 // The source planes and the trimmed source cuboid in inclusive bounds.

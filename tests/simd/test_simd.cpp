@@ -38,25 +38,10 @@ uint32_t bits(int32_t i) { return static_cast<uint32_t>(i); }
 template <class T>
 std::vector<T> samples(size_t count, uint32_t seed) {
     constexpr T inf = std::numeric_limits<T>::infinity();
-    std::vector<T> v = {T(0),
-                        T(-0.0),
-                        T(1),
-                        T(-1),
-                        T(0.5),
-                        T(2.5),
-                        T(-2.5),
-                        T(3.5),
-                        inf,
-                        -inf,
-                        std::numeric_limits<T>::quiet_NaN(),
-                        std::numeric_limits<T>::denorm_min(),
-                        -std::numeric_limits<T>::min(),
-                        std::numeric_limits<T>::max(),
-                        T(2147483648.0),
-                        T(-2147483904.0),
-                        T(1e-30),
-                        T(65535.5),
-                        T(255.5),
+    std::vector<T> v = {T(0), T(-0.0), T(1), T(-1), T(0.5), T(2.5), T(-2.5), T(3.5), inf, -inf,
+                        std::numeric_limits<T>::quiet_NaN(), std::numeric_limits<T>::denorm_min(),
+                        -std::numeric_limits<T>::min(), std::numeric_limits<T>::max(),
+                        T(2147483648.0), T(-2147483904.0), T(1e-30), T(65535.5), T(255.5),
                         T(-32768.5)};
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> mantissa(-1.0, 1.0);
@@ -66,17 +51,7 @@ std::vector<T> samples(size_t count, uint32_t seed) {
 }
 
 std::vector<int32_t> intSamples(size_t count, uint32_t seed) {
-    std::vector<int32_t> v = {0,
-                              1,
-                              -1,
-                              255,
-                              256,
-                              -256,
-                              65535,
-                              65536,
-                              -32768,
-                              -32769,
-                              32767,
+    std::vector<int32_t> v = {0, 1, -1, 255, 256, -256, 65535, 65536, -32768, -32769, 32767,
                               std::numeric_limits<int32_t>::min(),
                               std::numeric_limits<int32_t>::max()};
     std::mt19937 rng(seed);
@@ -108,6 +83,13 @@ void expectLanes(const char* what, const std::vector<T>& a, Op op, Ref ref) {
     }
 }
 
+// The vector expression `op` of lanes a, b (vectors V) against the scalar
+// expression `ref` of elements a, b (type T), over the samples s.
+#define LANES(name, op, ref)                                                     \
+    expectLanes<V>(                                                              \
+        name, s, [&](V a, [[maybe_unused]] V b) { return op; },                  \
+        [&]([[maybe_unused]] T a, [[maybe_unused]] T b) { return ref; })
+
 template <class V>
 void checkFloatLanes() {
     using T = std::remove_cvref_t<decltype(firstLane(V()))>;
@@ -122,48 +104,27 @@ void checkFloatLanes() {
             return d;
         }
     };
-    expectLanes<V>(
-        "+", s, [](V a, V b) { return a + b; }, [](T a, T b) { return a + b; });
-    expectLanes<V>(
-        "-", s, [](V a, V b) { return a - b; }, [](T a, T b) { return a - b; });
-    expectLanes<V>(
-        "*", s, [](V a, V b) { return a * b; }, [](T a, T b) { return a * b; });
-    expectLanes<V>(
-        "/", s, [](V a, V b) { return a / b; }, [](T a, T b) { return a / b; });
-    expectLanes<V>(
-        "sqrt", s, [](V a, V) { return sqrt(a); }, [](T a, T) { return std::sqrt(a); });
+    LANES("+", a + b, a + b);
+    LANES("-", a - b, a - b);
+    LANES("*", a * b, a * b);
+    LANES("/", a / b, a / b);
+    LANES("sqrt", sqrt(a), std::sqrt(a));
     // The processor's min and max return the second operand unless the first is smaller.
-    expectLanes<V>(
-        "min", s, [](V a, V b) { return min(a, b); }, [](T a, T b) { return a < b ? a : b; });
-    expectLanes<V>(
-        "max", s, [](V a, V b) { return max(a, b); }, [](T a, T b) { return a > b ? a : b; });
-    expectLanes<V>(
-        "abs", s, [](V a, V) { return abs(a); }, [](T a, T) { return std::fabs(a); });
-    expectLanes<V>(
-        "neg", s, [](V a, V) { return -a; }, [](T a, T) { return -a; });
-    expectLanes<V>(
-        "<", s, [](V a, V b) { return a < b; }, [&](T a, T b) { return mask(a < b); });
-    expectLanes<V>(
-        "<=", s, [](V a, V b) { return a <= b; }, [&](T a, T b) { return mask(a <= b); });
-    expectLanes<V>(
-        ">", s, [](V a, V b) { return a > b; }, [&](T a, T b) { return mask(a > b); });
-    expectLanes<V>(
-        ">=", s, [](V a, V b) { return a >= b; }, [&](T a, T b) { return mask(a >= b); });
-    expectLanes<V>(
-        "==", s, [](V a, V b) { return a == b; }, [&](T a, T b) { return mask(a == b); });
-    expectLanes<V>(
-        "!=", s, [](V a, V b) { return a != b; }, [&](T a, T b) { return mask(a != b); });
-    expectLanes<V>(
-        "select", s, [](V a, V b) { return select(a < b, a, b); },
-        [](T a, T b) { return a < b ? a : b; });
-    expectLanes<V>(
-        "andNot", s, [](V a, V b) { return andNot(a < b, b); },
-        [](T a, T b) { return a < b ? T(0) : b; });
+    LANES("min", min(a, b), a < b ? a : b);
+    LANES("max", max(a, b), a > b ? a : b);
+    LANES("abs", abs(a), std::fabs(a));
+    LANES("neg", -a, -a);
+    LANES("<", a < b, mask(a < b));
+    LANES("<=", a <= b, mask(a <= b));
+    LANES(">", a > b, mask(a > b));
+    LANES(">=", a >= b, mask(a >= b));
+    LANES("==", a == b, mask(a == b));
+    LANES("!=", a != b, mask(a != b));
+    LANES("select", select(a < b, a, b), a < b ? a : b);
+    LANES("andNot", andNot(a < b, b), a < b ? T(0) : b);
     // Every NaN becomes the processor's default NaN; the one-lane form agrees.
     const T dnan = T(defaultNaN());
-    expectLanes<V>(
-        "canonicalNaN", s, [](V a, V b) { return canonicalNaN(a * b); },
-        [&](T a, T b) { return a * b != a * b ? dnan : a * b; });
+    LANES("canonicalNaN", canonicalNaN(a * b), a * b != a * b ? dnan : a * b);
     EXPECT_EQ(bitsOf(canonicalNaN(floatFromBits(0x7FC01234u))), 0xFFC00000u);
     // laneBits and the any/all tests read the masks lane by lane.
     const V lo = V::loadu(s.data()), hi = V::loadu(s.data() + V::kLanes);
@@ -178,97 +139,65 @@ void checkFloatLanes() {
 template <int N>
 void checkIntLanes() {
     using V = I32<N>;
+    using T = int32_t;
     const std::vector<int32_t> s = intSamples(160, 11);
     using U = uint32_t;
     auto mask = [](bool c) { return c ? int32_t(-1) : int32_t(0); };
-    expectLanes<V>(
-        "+", s, [](V a, V b) { return a + b; },
-        [](int32_t a, int32_t b) { return int32_t(U(a) + U(b)); });
-    expectLanes<V>(
-        "-", s, [](V a, V b) { return a - b; },
-        [](int32_t a, int32_t b) { return int32_t(U(a) - U(b)); });
-    expectLanes<V>(
-        "mulWrap", s, [](V a, V b) { return mulWrap(a, b); },
-        [](int32_t a, int32_t b) { return int32_t(U(a) * U(b)); });
+    LANES("+", a + b, int32_t(U(a) + U(b)));
+    LANES("-", a - b, int32_t(U(a) - U(b)));
+    LANES("mulWrap", mulWrap(a, b), int32_t(U(a) * U(b)));
     // The one-lane form: 3 * 0x55555556 = 2^32 + 2, 2^16 * 2^16 = 2^32.
     EXPECT_EQ(mulWrap(3, 0x55555556), 2);
     EXPECT_EQ(mulWrap(65536, 65536), 0);
     EXPECT_EQ(mulWrap(-1, std::numeric_limits<int32_t>::min()),
               std::numeric_limits<int32_t>::min());
-    expectLanes<V>(
-        "min", s, [](V a, V b) { return min(a, b); },
-        [](int32_t a, int32_t b) { return std::min(a, b); });
-    expectLanes<V>(
-        "max", s, [](V a, V b) { return max(a, b); },
-        [](int32_t a, int32_t b) { return std::max(a, b); });
-    expectLanes<V>(
-        ">", s, [](V a, V b) { return a > b; }, [&](int32_t a, int32_t b) { return mask(a > b); });
-    expectLanes<V>(
-        "<", s, [](V a, V b) { return a < b; }, [&](int32_t a, int32_t b) { return mask(a < b); });
-    expectLanes<V>(
-        "==", s, [](V a, V b) { return a == b; },
-        [&](int32_t a, int32_t b) { return mask(a == b); });
-    expectLanes<V>(
-        "select", s, [](V a, V b) { return select(a > b, a, b); },
-        [](int32_t a, int32_t b) { return std::max(a, b); });
-    expectLanes<V>(
-        "bits", s, [](V a, V b) { return (a & b) | andNot(a, b ^ a); },
-        [](int32_t a, int32_t b) { return (a & b) | (~a & (b ^ a)); });
-    expectLanes<V>(
-        "shifts", s,
-        [](V a, V) { return shiftLeft<3>(a) ^ shiftRightLogical<5>(a) ^ shiftRightArith<7>(a); },
-        [](int32_t a, int32_t) { return int32_t((U(a) << 3) ^ (U(a) >> 5)) ^ (a >> 7); });
+    LANES("min", min(a, b), std::min(a, b));
+    LANES("max", max(a, b), std::max(a, b));
+    LANES(">", a > b, mask(a > b));
+    LANES("<", a < b, mask(a < b));
+    LANES("==", a == b, mask(a == b));
+    LANES("select", select(a > b, a, b), std::max(a, b));
+    LANES("bits", (a & b) | andNot(a, b ^ a), (a & b) | (~a & (b ^ a)));
+    LANES("shifts", shiftLeft<3>(a) ^ shiftRightLogical<5>(a) ^ shiftRightArith<7>(a),
+          int32_t((U(a) << 3) ^ (U(a) >> 5)) ^ (a >> 7));
     // The 16-bit halves of each lane, signed.
     const auto half = [](int32_t a, int shift) { return int32_t(int16_t(U(a) >> shift)); };
-    expectLanes<V>(
-        "mulAddPairs16", s, [](V a, V b) { return mulAddPairs16(a, b); },
-        [&](int32_t a, int32_t b) {
-            return int32_t(U(half(a, 0) * half(b, 0)) + U(half(a, 16) * half(b, 16)));
-        });
-    expectLanes<V>(
-        "mulLow16", s, [](V a, V b) { return mulLow16(a, b); },
-        [&](int32_t a, int32_t b) {
-            return int32_t((U(half(a, 0) * half(b, 0)) & 0xFFFF) |
-                           (U(half(a, 16) * half(b, 16)) << 16));
-        });
+    LANES("mulAddPairs16", mulAddPairs16(a, b),
+          int32_t(U(half(a, 0) * half(b, 0)) + U(half(a, 16) * half(b, 16))));
+    LANES("mulLow16", mulLow16(a, b),
+          int32_t((U(half(a, 0) * half(b, 0)) & 0xFFFF) | (U(half(a, 16) * half(b, 16)) << 16)));
 }
 
 // Conversions, widening loads and saturating stores at width N.
 template <int N>
 void checkConversions() {
     using F = F32<N>;
+    using V = F;
+    using T = float;
     const std::vector<float> s = samples<float>(160, 13);
     auto x86Int = [](double v, bool trunc) {
         const double r = trunc ? std::trunc(v) : std::nearbyint(v);
         return (r >= -2147483648.0 && r < 2147483648.0) ? int32_t(r)
                                                         : std::numeric_limits<int32_t>::min();
     };
-    expectLanes<F>(
-        "truncToInt", s, [](F a, F) { return truncToInt(a); },
-        [&](float a, float) { return x86Int(a, true); });
-    expectLanes<F>(
-        "roundToInt", s, [](F a, F) { return roundToInt(a); },
-        [&](float a, float) { return x86Int(a, false); });
-    expectLanes<F>(
-        "toFloat(asInt)", s, [](F a, F) { return toFloat(asInt(a) & I32<N>(0xFFFFFF)); },
-        [](float a, float) { return float(int32_t(bitsOf(a) & 0xFFFFFF)); });
-    expectLanes<F>(
-        "narrow(widen)", s, [](F a, F b) { return narrow(widen(a) * widen(b)); },
-        [](float a, float b) { return float(double(a) * double(b)); });
-    expectLanes<F>(
-        "truncToInt(double)", s, [](F a, F b) { return truncToInt(widen(a) * widen(b)); },
-        [&](float a, float b) { return x86Int(double(a) * double(b), true); });
-    expectLanes<F>(
-        "toDouble", s, [](F a, F) { return narrow(toDouble(truncToInt(a)) * F64<N>(0.5)); },
-        [&](float a, float) { return float(double(x86Int(a, true)) * 0.5); });
+    LANES("truncToInt", truncToInt(a), x86Int(a, true));
+    LANES("roundToInt", roundToInt(a), x86Int(a, false));
+    LANES("toFloat(asInt)", toFloat(asInt(a) & I32<N>(0xFFFFFF)),
+          float(int32_t(bitsOf(a) & 0xFFFFFF)));
+    LANES("narrow(widen)", narrow(widen(a) * widen(b)), float(double(a) * double(b)));
+    LANES("truncToInt(double)", truncToInt(widen(a) * widen(b)),
+          x86Int(double(a) * double(b), true));
+    LANES("toDouble", narrow(toDouble(truncToInt(a)) * F64<N>(0.5)),
+          float(double(x86Int(a, true)) * 0.5));
     // The refined approximations: every lane as the one-lane form, and close
     // to the exact value.
-    expectLanes<F>(
-        "reciprocalRefined", s, [](F a, F) { return reciprocalRefined(a); },
-        [](float a, float) { return reciprocalRefined(a); });
-    expectLanes<F>(
-        "rsqrtRefined", s, [](F a, F) { return rsqrtRefined(a); },
-        [](float a, float) { return rsqrtRefined(a); });
+    LANES("reciprocalRefined", reciprocalRefined(a), reciprocalRefined(a));
+    LANES("rsqrtRefined", rsqrtRefined(a), rsqrtRefined(a));
+    // The one-lane conversions round and truncate as the lanes do.
+    for (float x : s) {
+        EXPECT_EQ(roundToInt32(x), x86Int(x, false)) << x;
+        EXPECT_EQ(truncToInt32(x), x86Int(x, true)) << x;
+    }
     for (float x : {1.0f, 3.0f, 0.1f, 7.5e-3f, 1234.5f}) {
         EXPECT_NEAR(reciprocalRefined(x) * x, 1.0f, 1e-6f) << x;
         EXPECT_NEAR(rsqrtRefined(x) * std::sqrt(x), 1.0f, 1e-6f) << x;
