@@ -49,9 +49,8 @@ inline Mesh randomMesh(int n, float size, uint32_t seed) {
     return m;
 }
 
-// A closed box [lo, hi]^3 of 12 triangles sharing edges, around the origin.
-inline Mesh boxMesh(float lo, float hi) {
-    Mesh m;
+// A closed box [lo, hi]^3 of 12 triangles sharing edges, added to m.
+inline void addBox(Mesh& m, float lo, float hi) {
     float p[8][3];
     for (int i = 0; i < 8; ++i)
         for (int a = 0; a < 3; ++a) p[i][a] = (i >> a) & 1 ? hi : lo;
@@ -61,19 +60,6 @@ inline Mesh boxMesh(float lo, float hi) {
         m.add(p[f[0]], p[f[1]], p[f[2]]);
         m.add(p[f[0]], p[f[2]], p[f[3]]);
     }
-    return m;
-}
-
-inline std::vector<TriangleAccel> recordsOf(const Mesh& m) {
-    std::vector<TriangleAccel> rec(m.triangles());
-    qelrTriangleAccelInit(rec.data(), m.vertices.data(), m.indices.data(), m.triangles());
-    return rec;
-}
-
-inline std::vector<float> boxOf(const Mesh& m) {
-    std::vector<float> box(6);
-    qelrSetBoundBox_32f(m.vertices.data(), static_cast<int>(m.vertices.size() / 3), box.data());
-    return box;
 }
 
 // A KD-tree in the node format, split at the middle of the longest axis; child

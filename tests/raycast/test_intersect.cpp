@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <deque>
 #include <random>
 #include <vector>
 
@@ -44,21 +45,21 @@ auto onEveryVariant(F&& trace) {
 constexpr double kDistTol = 1e-5, kWeightTol = 2e-4, kEdgeMargin = 1e-4;
 constexpr int kPacket = 0, kOneRay = 1;  // plane shifts that select the two paths
 
+// A mesh, its records and box, and a tree: the context points into them, so
+// scenes are kept in a deque (never moved).
 struct Scene {
     Mesh mesh;
     std::vector<TriangleAccel> rec;
     std::vector<float> box;
     std::vector<int32_t> words;
     QelTraceScene ctx{};
-    Scene(Mesh m, std::vector<int32_t> tree) : mesh(std::move(m)), words(std::move(tree)) {
-        init();
-    }
-    Scene(const Scene& o) : mesh(o.mesh), words(o.words) { init(); }
-    void init() {
-        rec = recordsOf(mesh);
-        box = boxOf(mesh);
+    Scene(Mesh m, std::vector<int32_t> tree)
+        : mesh(std::move(m)), rec(mesh.triangles()), box(6), words(std::move(tree)) {
+        qelrTriangleAccelInit(rec.data(), mesh.vertices.data(), mesh.indices.data(), mesh.triangles());
+        qelrSetBoundBox_32f(mesh.vertices.data(), int(mesh.vertices.size() / 3), box.data());
         ctx = {box.data(), rec.data(), reinterpret_cast<const KDTreeNode*>(words.data())};
     }
+    Scene(const Scene&) = delete;
 };
 
 // Rays: width x height; origin, direction, distance and mask per element.
@@ -264,9 +265,9 @@ std::vector<int32_t> builtTree(const Mesh& m, uint32_t algorithm) {
     return words;
 }
 
-const std::vector<Scene>& scenes() {
-    static const std::vector<Scene> all = [] {
-        std::vector<Scene> out;
+const std::deque<Scene>& scenes() {
+    static const std::deque<Scene> all = [] {
+        std::deque<Scene> out;
         for (uint32_t seed : {1u, 2u}) {
             Mesh m = randomMesh(400, 0.3f, seed);
             const float far[3][3] = {{4, 4, 4}, {4.1f, 4, 4}, {4, 4.1f, 4}};  // leaves empty space
@@ -280,12 +281,8 @@ const std::vector<Scene>& scenes() {
             out.emplace_back(m, builtTree(m, qelKdCostDriven));
             out.emplace_back(m, builtTree(m, qelKdSingleLeaf));
         }
-        Mesh both = randomMesh(40, 0.3f, 9), closed = boxMesh(-0.5f, 0.5f);  // shared edges
-        for (int t = 0; t < closed.triangles(); ++t) {
-            const int* idx = &closed.indices[4 * t];
-            both.add(&closed.vertices[3 * idx[0]], &closed.vertices[3 * idx[1]],
-                     &closed.vertices[3 * idx[2]]);
-        }
+        Mesh both = randomMesh(40, 0.3f, 9);
+        addBox(both, -0.5f, 0.5f);  // shared edges and corners
         out.emplace_back(both, TestTree(both, 2, 30, 5).words());
         return out;
     }();
@@ -432,6 +429,11 @@ void expectLayers(const Scene& s, const Rays& r, int layers) {
 TEST(IntersectMultiple, LayersMatchOracle) {
     uint32_t seed = 900;
     for (const Scene& s : scenes()) expectLayers(s, cameraRays(8, 4, ++seed, false), 3);
+    // Layers below 1 trace and write nothing.
+    const Rays cam = cameraRays(8, 4, 3, false);
+    for (int layers : {0, -2})
+        EXPECT_EQ(trace(scenes()[0], cam, kLayers, kOneRay, Isa::sse3, layers).index,
+                  std::vector<int>(cam.n(), 77));
     // A long run of hits through stacked planes wraps the recent-hits list.
     Mesh stack;
     for (int k = 0; k < 12; ++k) {
@@ -443,18 +445,6 @@ TEST(IntersectMultiple, LayersMatchOracle) {
     const float o[3] = {0.1f, 0.2f, -1.0f}, d[3] = {0.01f, 0.02f, 1.0f};
     for (int i = 0; i < 16; ++i) r.add(o, d, 1e30f);
     expectLayers(planes, r, 14);
-}
-
-TEST(IntersectMultiple, LayerCountSemantics) {
-    const Scene& s = scenes()[0];
-    const Rays r = cameraRays(8, 4, 3, false);
-    // One layer equals the nearest hit (the tolerances differ, but not on these rays).
-    EXPECT_EQ(trace(s, r, kLayers, kOneRay, Isa::sse3, 1).index,
-              trace(s, r, kSO, kOneRay, Isa::sse3).index);
-    // Layers below 1 trace and write nothing.
-    for (int layers : {0, -2})
-        EXPECT_EQ(trace(s, r, kLayers, kOneRay, Isa::sse3, layers).index,
-                  std::vector<int>(r.n(), 77));
 }
 
 // The one-ray path runs several rays at a time on the vector lanes, the rest
@@ -478,14 +468,13 @@ TEST(IntersectOneRay, RaysInGroupsGiveTheirOwnBits) {
             for (size_t i = 0; i < n; ++i) {
                 SCOPED_TRACE(testing::Message() << "fn " << fn << " ray " << i);
                 const Result alone = trace(s, r.one(i), fn, kOneRay, Isa::sse3, layers);
-                Result want;
-                for (int h = 0; h < layers; ++h) {
-                    want.dist.push_back(group.dist[i + h * n]);
-                    want.u.push_back(group.u[i + h * n]);
-                    want.v.push_back(group.v[i + h * n]);
-                    want.index.push_back(group.index[i + h * n]);
+                Result want{{}, {}, {}, {}, {group.mask[i]}};
+                for (size_t at = i; at < n * layers; at += n) {
+                    want.dist.push_back(group.dist[at]);
+                    want.u.push_back(group.u[at]);
+                    want.v.push_back(group.v[at]);
+                    want.index.push_back(group.index[at]);
                 }
-                want.mask.push_back(group.mask[i]);
                 EXPECT_TRUE(alone == want);
             }
         }
