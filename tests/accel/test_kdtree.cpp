@@ -39,6 +39,7 @@ TEST(KDTreeChecks, StatusesInOrderAndNothingWrittenOnError) {
     int size = -77;
     const KDTreeBuildParams ok = costDriven();
     const uint32_t single = qelKdSingleLeaf, cost = qelKdCostDriven;
+    int row = 0;
     struct Case {
         int nulls;  // 1: tree, 2: vertices, 4: indices, 8: size, 16: params
         int nv, nt;
@@ -72,8 +73,7 @@ TEST(KDTreeChecks, StatusesInOrderAndNothingWrittenOnError) {
                                        c.nulls & 4 ? nullptr : idx, c.nv, c.nt,
                                        c.nulls & 8 ? nullptr : &size, c.nulls & 16 ? nullptr : &c.p),
                   c.want)
-            << c.nulls << " " << c.nt << " " << c.p.algorithm << " " << c.p.depthLimit << " "
-            << c.p.quality << " " << c.p.memoryBudgetMb;
+            << "row " << row++;
     }
     EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x1234));
     EXPECT_EQ(size, -77);
@@ -132,26 +132,6 @@ TEST(KDTreeCostDriven, AxisTiesDerivedByHand) {
         ASSERT_GE(t.bytes.size(), 8u);
         EXPECT_EQ(wordsOf(t.bytes)[0], 16u | axis);
         EXPECT_EQ(wordsOf(t.bytes)[1], bitsOf(1.0f));
-    }
-}
-
-TEST(KDTreeCostDriven, ValidCompleteTreesOverParameters) {
-    for (uint32_t seed : {1u, 2u, 3u}) {
-        const Scene s = kdtest::randomScene(seed == 3 ? 1500 : 300, seed);
-        for (float q : {0.0f, 0.5f, 1.0f})
-            for (uint32_t depth : {0u, 3u, 50u}) {
-                // The smallest budget accepted, 32 MB, holds these trees.
-                const auto b = buildTree(s, costDriven(depth, q, seed == 1 ? 32 : 256));
-                ASSERT_EQ(b.status, qelOk);
-                EXPECT_EQ(b.info.error, "") << seed << " " << q << " " << depth;
-                EXPECT_LE(b.info.maxDepth, static_cast<int>(depth));
-                if (depth == 0) {  // the root holds every triangle, in order
-                    ASSERT_EQ(b.info.leaves.size(), 1u);
-                    const auto& tris = b.info.leaves[0].tris;
-                    ASSERT_EQ(static_cast<int>(tris.size()), s.triangleCount());
-                    for (int i = 0; i < s.triangleCount(); ++i) EXPECT_EQ(tris[i], i);
-                }
-            }
     }
 }
 

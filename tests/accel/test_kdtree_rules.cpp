@@ -197,12 +197,15 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
          {Case{75, 11, 1.0f, 50}, Case{76, 11, 1.0f, 50}, Case{12, 1, 1.0f, 50},
           Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
           Case{600, 5, 1.0f, 50}, Case{300, 6, 0.0f, 50}, Case{2600, 12, 1.0f, 50, -5.0f},
-          Case{0, 5, 1.0f, 16}}) {
+          Case{300, 1, 0.5f, 0}, Case{1500, 3, 0.5f, 3}, Case{0, 5, 1.0f, 16}}) {
         const Scene s =
             c.n ? kdtest::randomScene(c.n, c.seed, c.shift) : kdtest::coplanarScene(40, c.seed);
         const std::vector<uint8_t> expect = bruteForceTree(s, c.depth, c.quality);
-        EXPECT_GT(expect.size(), 16u);
-        EXPECT_EQ(libraryTree(s, c.depth, c.quality), expect) << c.n << " " << c.seed;
+        // Through the public call, with the smallest budget it accepts, 32 MB,
+        // and the full validator (completeness and leaf overlaps included).
+        const auto got = kdtest::buildTree(s, kdtest::costDriven(c.depth, c.quality, 32));
+        EXPECT_EQ(got.info.error, "") << c.n << " " << c.seed;
+        EXPECT_EQ(got.bytes, expect) << c.n << " " << c.seed;
     }
 }
 
