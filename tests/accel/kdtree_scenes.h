@@ -110,7 +110,9 @@ struct Built {
     qelr_test::KdTreeInfo info;
 };
 
-// Builds, copies the bytes out, validates (unless told not to) and frees.
+// Builds, copies the bytes out, validates (unless told not to) and frees: the
+// structure, the packed layout, completeness at sample points and, on the
+// smaller scenes, every leaf against every triangle.
 inline Built buildTree(const Scene& s, const KDTreeBuildParams& p, bool validate = true) {
     Built b;
     KDTreeNode* tree = nullptr;
@@ -119,23 +121,17 @@ inline Built buildTree(const Scene& s, const KDTreeBuildParams& p, bool validate
                                     s.triangleCount(), &size, &p);
     if (b.status != qelOk) return b;
     b.bytes.assign(reinterpret_cast<uint8_t*>(tree), reinterpret_cast<uint8_t*>(tree) + size);
-    if (!validate) {
-        qelrKDTreeFree(tree);
-        return b;
+    const auto valid = [&](int t) { return validTriangle(s, t); };
+    const int n = s.triangleCount();
+    std::string& e = b.info.error;
+    if (validate) {
+        b.info = qelr_test::checkKdTree(tree, size, n, int(p.depthLimit), sceneCell(s));
+        if (e.empty()) e = qelr_test::checkPackedLayout(tree, size, b.info);
+        if (e.empty())
+            e = qelr_test::checkCompleteness(tree, b.info, s.v.data(), s.idx.data(), n, 4, valid);
+        if (e.empty() && n <= 1000)
+            e = qelr_test::checkLeafOverlaps(b.info, s.v.data(), s.idx.data(), n, 1e-4, valid);
     }
-    b.info = qelr_test::checkKdTree(tree, size, s.triangleCount(), static_cast<int>(p.depthLimit),
-                                    sceneCell(s));
-    if (b.info.error.empty()) b.info.error = qelr_test::checkPackedLayout(tree, size, b.info);
-    if (b.info.error.empty())
-        b.info.error =
-            qelr_test::checkCompleteness(tree, b.info, s.v.data(), s.idx.data(), s.triangleCount(),
-                                         4, [&](int t) { return validTriangle(s, t); });
-    // Sampling above; the exact test of every leaf against every triangle on
-    // the smaller scenes.
-    if (b.info.error.empty() && s.triangleCount() <= 1000)
-        b.info.error =
-            qelr_test::checkLeafOverlaps(b.info, s.v.data(), s.idx.data(), s.triangleCount(), 1e-4,
-                                         [&](int t) { return validTriangle(s, t); });
     qelrKDTreeFree(tree);
     return b;
 }

@@ -17,6 +17,7 @@ using qelr_test::bitsOf;
 
 namespace {
 
+// The record of triangle v, and the record of words (axes, f...), as words.
 std::array<uint32_t, 10> wordsOf(std::array<float, 9> v) {
     const int idx[4] = {0, 1, 2, 12345};  // the fourth index is never read
     TriangleAccel rec;
@@ -25,10 +26,9 @@ std::array<uint32_t, 10> wordsOf(std::array<float, 9> v) {
     std::memcpy(w.data(), &rec, 40);
     return w;
 }
-
 std::array<uint32_t, 10> words(uint32_t axes, std::array<float, 9> f) {
     std::array<uint32_t, 10> w{axes};
-    for (int i = 0; i < 9; ++i) w[i + 1] = bitsOf(f[i]);
+    std::memcpy(&w[1], f.data(), 36);
     return w;
 }
 

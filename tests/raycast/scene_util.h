@@ -49,9 +49,8 @@ inline Mesh randomMesh(int n, float size, uint32_t seed) {
     return m;
 }
 
-// A closed box [lo, hi]^3 of 12 triangles sharing edges, around the origin.
-inline Mesh boxMesh(float lo, float hi) {
-    Mesh m;
+// A closed box [lo, hi]^3 of 12 triangles sharing edges, added to m.
+inline void addBox(Mesh& m, float lo, float hi) {
     float p[8][3];
     for (int i = 0; i < 8; ++i)
         for (int a = 0; a < 3; ++a) p[i][a] = (i >> a) & 1 ? hi : lo;
@@ -61,27 +60,16 @@ inline Mesh boxMesh(float lo, float hi) {
         m.add(p[f[0]], p[f[1]], p[f[2]]);
         m.add(p[f[0]], p[f[2]], p[f[3]]);
     }
-    return m;
 }
 
-inline std::vector<TriangleAccel> recordsOf(const Mesh& m) {
-    std::vector<TriangleAccel> rec(m.triangles());
-    qelrTriangleAccelInit(rec.data(), m.vertices.data(), m.indices.data(), m.triangles());
-    return rec;
-}
-
-inline std::vector<float> boxOf(const Mesh& m) {
-    std::vector<float> box(6);
-    qelrSetBoundBox_32f(m.vertices.data(), static_cast<int>(m.vertices.size() / 3), box.data());
-    return box;
-}
-
-// A KD-tree in the node format, split at the middle of the longest axis.
-// Leaves are written inline or listed at random (inline only where the
-// indices fit), so every leaf form is traversed.
+// A KD-tree in the node format, split at the middle of the longest axis; child
+// pairs and leaf lists appended as they come. Leaves are written inline or
+// listed at random (inline only where the indices fit), so every leaf form is
+// traversed.
 class TestTree {
  public:
-    TestTree(const Mesh& m, int maxLeaf, int maxDepth, uint32_t seed) : rng_(seed) {
+    TestTree(const Mesh& m, int maxLeaf, int maxDepth, uint32_t seed)
+        : rng_(seed), words_(4, 0), maxLeaf_(maxLeaf) {
         std::vector<int> all(m.triangles());
         for (int t = 0; t < m.triangles(); ++t) all[t] = t;
         float box[6] = {FLT_MAX, FLT_MAX, FLT_MAX, -FLT_MAX, -FLT_MAX, -FLT_MAX};
@@ -89,9 +77,7 @@ class TestTree {
             box[i % 3] = std::min(box[i % 3], m.vertices[i]);
             box[3 + i % 3] = std::max(box[3 + i % 3], m.vertices[i]);
         }
-        nodes_.push_back({});
-        grow(m, 0, all, box, 0, maxLeaf, maxDepth);
-        write();
+        grow(m, 0, all, box, maxDepth);
     }
     // The single-leaf tree: one listed leaf of every triangle, list 16 bytes on.
     static std::vector<int32_t> singleLeaf(int triangles) {
@@ -99,20 +85,11 @@ class TestTree {
         for (int t = 0; t < triangles; ++t) w.push_back(t);
         return w;
     }
-    const KDTreeNode* root() const { return reinterpret_cast<const KDTreeNode*>(words_.data()); }
     const std::vector<int32_t>& words() const { return words_; }
     int leafForms[5] = {};  // empty, listed, inline 1, inline 2, inline 3
 
  private:
-    struct Node {
-        int axis = -1;
-        float split = 0.0f;
-        int child = -1;  // first of the pair
-        std::vector<int> tris;
-    };
-
-    void grow(const Mesh& m, int at, const std::vector<int>& tris, const float* box, int depth,
-              int maxLeaf, int maxDepth) {
+    void grow(const Mesh& m, int at, std::vector<int> tris, const float* box, int depthLeft) {
         int axis = 0;
         for (int a = 1; a < 3; ++a)
             if (box[a + 3] - box[a] > box[axis + 3] - box[axis]) axis = a;
@@ -129,63 +106,26 @@ class TestTree {
             if (hi >= split) side[1].push_back(t);
         }
         const bool stuck = side[0].size() == tris.size() && side[1].size() == tris.size();
-        if (static_cast<int>(tris.size()) <= maxLeaf || depth == maxDepth || stuck) {
-            nodes_[at].tris = tris;
-            return;
-        }
-        const int child = static_cast<int>(nodes_.size());
-        nodes_[at].axis = axis;
-        nodes_[at].split = split;
-        nodes_[at].child = child;
-        nodes_.resize(nodes_.size() + 2);
-        for (int s = 0; s < 2; ++s) {
-            float sub[6];
-            std::copy(box, box + 6, sub);
-            sub[s == 0 ? axis + 3 : axis] = split;
-            grow(m, child + s, side[s], sub, depth + 1, maxLeaf, maxDepth);
-        }
-    }
-
-    // Root at word 0, two zero words, then the pairs; the lists after the nodes.
-    void write() {
-        std::vector<int> slot(nodes_.size());
-        slot[0] = 0;
-        int next = 4;
-        for (size_t n = 0; n < nodes_.size(); ++n)
-            if (nodes_[n].axis >= 0) {
-                slot[nodes_[n].child] = next;
-                slot[nodes_[n].child + 1] = next + 2;
-                next += 4;
-            }
-        words_.assign(next, 0);
-        for (size_t n = 0; n < nodes_.size(); ++n) {
-            const Node& nd = nodes_[n];
-            int32_t* w = &words_[slot[n]];
-            if (nd.axis >= 0) {
-                const kdnode::Words inner =
-                    kdnode::innerNode(nd.axis, 4 * (slot[nd.child] - slot[n]), nd.split);
-                w[0] = inner.w0;
-                w[1] = inner.w1;
-                continue;
-            }
-            writeLeaf(slot[n], nd.tris);
-        }
-    }
-
-    // Every leaf form the codec has: empty, listed (shuffled), and inline for
-    // one to three triangles when the coin says so and the indices fit.
-    void writeLeaf(int at, std::vector<int> t) {
-        const int n = static_cast<int>(t.size());
         kdnode::Words w = kdnode::emptyLeaf();
-        if (n == 0) {
+        const int n = static_cast<int>(tris.size());
+        if (n > maxLeaf_ && depthLeft > 0 && !stuck) {
+            const int child = static_cast<int>((words_.size() + 3) / 4 * 4);  // pairs on 16 bytes
+            words_.resize(child + 4);
+            w = kdnode::innerNode(axis, 4 * (child - at), split);
+            for (int s = 0; s < 2; ++s) {
+                float sub[6];
+                std::copy(box, box + 6, sub);
+                sub[s == 0 ? axis + 3 : axis] = split;
+                grow(m, child + 2 * s, side[s], sub, depthLeft - 1);
+            }
+        } else if (n == 0) {
             ++leafForms[0];
-        } else if (rng_() % 3 != 0 && kdnode::inlineLeaf(t.data(), n, w)) {
+        } else if (rng_() % 3 != 0 && kdnode::inlineLeaf(tris.data(), n, w)) {
             ++leafForms[n + 1];
         } else {
-            std::shuffle(t.begin(), t.end(), rng_);
-            const int list = static_cast<int>(words_.size());
-            w = kdnode::listedLeaf(4 * (list - at), n);
-            words_.insert(words_.end(), t.begin(), t.end());
+            std::shuffle(tris.begin(), tris.end(), rng_);
+            w = kdnode::listedLeaf(4 * (static_cast<int>(words_.size()) - at), n);
+            words_.insert(words_.end(), tris.begin(), tris.end());
             ++leafForms[1];
         }
         words_[at] = w.w0;
@@ -193,8 +133,8 @@ class TestTree {
     }
 
     std::mt19937 rng_;
-    std::vector<Node> nodes_;
     std::vector<int32_t> words_;
+    int maxLeaf_;
 };
 
 // A float or int plane of n elements starting on a 16-byte boundary (shift 0)
@@ -202,7 +142,7 @@ class TestTree {
 template <class T>
 class Plane {
  public:
-    Plane(size_t n, int shift, T fill = T()) : buf_(n + 8, fill), shift_(shift) {
+    Plane(size_t n, int shift, T fill = T()) : buf_(n + 8, fill) {
         const uintptr_t a = reinterpret_cast<uintptr_t>(buf_.data());
         skew_ = ((16 - a % 16) % 16) / sizeof(T) + shift;
     }
@@ -211,7 +151,6 @@ class Plane {
 
  private:
     std::vector<T> buf_;
-    int shift_;
     size_t skew_;
 };
 

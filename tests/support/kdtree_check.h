@@ -14,6 +14,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -187,13 +188,8 @@ template <class ValidFn>
 inline std::string checkCompleteness(const KDTreeNode* tree, const KdTreeInfo& info,
                                      const float* vertices, const int* indices, int triangleCount,
                                      int steps, ValidFn valid) {
-    std::vector<int32_t> offsets;
-    for (const auto& l : info.leaves) offsets.push_back(l.offset);
-    std::vector<size_t> order(info.leaves.size());
-    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-    std::sort(order.begin(), order.end(),
-              [&](size_t a, size_t b) { return offsets[a] < offsets[b]; });
-    std::sort(offsets.begin(), offsets.end());
+    std::map<int32_t, const std::vector<int32_t>*> leafAt;  // leaf offset to its triangles
+    for (const auto& l : info.leaves) leafAt[l.offset] = &l.tris;
     std::vector<int32_t> found;
     for (int t = 0; t < triangleCount; ++t) {
         if (!valid(t)) continue;
@@ -215,9 +211,7 @@ inline std::string checkCompleteness(const KDTreeNode* tree, const KdTreeInfo& i
                 leavesAt(tree, p, found);
                 bool listed = false;
                 for (int32_t off : found) {
-                    const size_t k = static_cast<size_t>(
-                        std::lower_bound(offsets.begin(), offsets.end(), off) - offsets.begin());
-                    const auto& tris = info.leaves[order[k]].tris;
+                    const auto& tris = *leafAt.at(off);
                     listed = listed || std::find(tris.begin(), tris.end(), t) != tris.end();
                 }
                 if (!listed)
