@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         case 3: {  // the build's checks: null pointers, counts, parameters
             const Mesh m = readMesh(in, a, 8, 8);
-            const uint8_t nulls = in.u8();
+            Nulls pick(in);
             KDTreeBuildParams params{};
             const uint32_t algs[] = {qelKdSingleLeaf, qelKdCostDriven, 0, in.u32()};
             params.algorithm = algs[in.range(0, 3)];
@@ -47,7 +47,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int nv = in.flag() ? m.nv : in.size(0), nt = in.flag() ? m.nt : in.size(0);
             KDTreeNode* tree = nullptr;
             int treeSize = -1;
-            auto pick = [&](int bit, auto* p) { return (nulls >> bit) & (nulls >> 7) & 1 ? nullptr : p; };
             // Counts larger than the mesh are a caller's error, so a count
             // that is not the mesh's only goes with a refusal before reading.
             if ((nv > 0 && nv != m.nv) || (nt > 0 && nt != m.nt)) break;

@@ -96,10 +96,16 @@ public:
         return f;
     }
     // n ints in [lo, hi], from the input.
-    int* ints(Input& in, size_t n, int lo, int hi, bool misalign = false) {
-        int* v = alloc<int>(n, misalign);
+    int* ints(Input& in, size_t n, int lo, int hi) {
+        int* v = alloc<int>(n);
         for (size_t i = 0; i < n; ++i) v[i] = in.range(lo, hi);
         return v;
+    }
+    // Three planes of n floats (or a P3 output pack), each allocated exactly.
+    float** planes3(Input& in, size_t n, bool misalign, bool fill = true) {
+        float** p = alloc<float*>(3);
+        for (int c = 0; c < 3; ++c) p[c] = fill ? floats(in, n, misalign) : alloc<float>(n, misalign);
+        return p;
     }
     // A mask plane: about one value in four negative.
     int* mask(Input& in, size_t n, int hi, bool misalign = false) {
@@ -113,6 +119,20 @@ public:
 
 private:
     std::vector<void*> blocks_;
+};
+
+// Checked pointer arguments, null now and then: when the top bit of the byte
+// read is set, bit b nulls argument b; `any` tells whether one was nulled.
+struct Nulls {
+    explicit Nulls(Input& in) : bits(in.u8()) {}
+    template <class T>
+    T* operator()(int bit, T* p) {
+        if (!((bits >> bit) & (bits >> 7) & 1)) return p;
+        any = true;
+        return nullptr;
+    }
+    uint8_t bits;
+    bool any = false;
 };
 
 // A triangle mesh read from the input: nv vertices, nt index groups of four.

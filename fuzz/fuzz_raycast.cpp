@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int bw = in.size(64), bh = in.size(64);
             const QelPos2D pos{in.size(64), in.size(64)};
             const bool null = in.u8() < 16;
-            float** dirs = planes3(in, a, n, misalign, false);
+            float** dirs = a.planes3(in, n, misalign, false);
             const QelStatus st = qelrCastEye_32f(v, v + 3, v + 6, bw, bh, pos, null ? nullptr : dirs, {w, h});
             if (st != (null ? qelErrNullPointer : qelOk)) abort();
             break;
@@ -27,23 +27,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int len = in.flag() ? 4 * in.range(0, 4) : in.size(13);
             const size_t n = len > 0 ? size_t(len) : 0;
             float origin[3] = {in.f32(), in.f32(), in.f32()};
-            float** origins = planes3(in, a, n, misalign);
-            float** dirs = planes3(in, a, n, misalign);
+            float** origins = a.planes3(in, n, misalign);
+            float** dirs = a.planes3(in, n, misalign);
             float* dist = a.floats(in, n, misalign);
             int* mask = a.mask(in, n, 5, misalign);
-            float** points = planes3(in, a, n, misalign, false);
+            float** points = a.planes3(in, n, misalign, false);
             const float eps = in.f32();
-            const uint8_t nulls = in.u8();
-            auto pick = [&](int bit, auto* p) { return (nulls >> bit) & (nulls >> 7) & 1 ? nullptr : p; };
+            Nulls pick(in);
             auto* d = pick(0, dirs);
             auto* di = pick(1, dist);
             auto* m = pick(2, mask);
             auto* p = pick(3, points);
-            auto* o = pick(4, origins);
-            const QelStatus st = multi ? qelrHitPoint3DEpsM0_32f_M(o, d, di, m, p, len, eps)
+            const QelStatus st = multi ? qelrHitPoint3DEpsM0_32f_M(pick(4, origins), d, di, m, p, len, eps)
                                        : qelrHitPoint3DEpsS0_32f_M(origin, d, di, m, p, len, eps);
-            const bool anyNull = !d || !di || !m || !p || (multi && !o);
-            if (st != (anyNull ? qelErrNullPointer : qelOk)) abort();
+            if (st != (pick.any ? qelErrNullPointer : qelOk)) abort();
             break;
         }
         default: {  // intersections

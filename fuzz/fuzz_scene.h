@@ -87,13 +87,6 @@ inline bool buildScene(Input& in, Arena& a, const Mesh& m, Scene& s, int maxDept
     return true;
 }
 
-// Three planes of n floats (or a P3 output pack), each allocated exactly.
-inline float** planes3(Input& in, Arena& a, size_t n, bool misalign, bool fill = true) {
-    float** p = a.alloc<float*>(3);
-    for (int c = 0; c < 3; ++c) p[c] = fill ? a.floats(in, n, misalign) : a.alloc<float>(n, misalign);
-    return p;
-}
-
 // One call of an intersection function on the scene with rays from the input.
 inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
     const int fn = in.range(0, 3);
@@ -105,7 +98,7 @@ inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
     const size_t n = (w > 0 && h > 0) ? size_t(w) * h : 0;
     const size_t nl = n * size_t(layers > 0 ? layers : 0);
     float origin[3] = {in.f32(), in.f32(), in.f32()};
-    float** dirs = planes3(in, a, n, misalign);
+    float** dirs = a.planes3(in, n, misalign);
     float* dist = a.alloc<float>(nl, misalign);
     const bool far = in.flag();
     for (size_t i = 0; i < nl; ++i) dist[i] = far ? FLT_MAX : in.f32();
@@ -121,7 +114,7 @@ inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
             st = qelrIntersectEyeSO_32f(origin, dirs, dist, uv, index, &s.ctx, size);
             break;
         case 1:
-            st = qelrIntersectMO_32f(planes3(in, a, n, misalign), dirs, dist, uv, index, &s.ctx, size);
+            st = qelrIntersectMO_32f(a.planes3(in, n, misalign), dirs, dist, uv, index, &s.ctx, size);
             break;
         case 2: {
             int* mask = a.mask(in, n, 1, misalign);
@@ -139,7 +132,7 @@ inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
     if (st != qelOk) abort();
     // Every reported hit names a triangle of the scene.
     for (size_t i = 0; i < nl; ++i)
-            if (index[i] < -1 || index[i] >= triangleCount) abort();
+        if (index[i] < -1 || index[i] >= triangleCount) abort();
 }
 
 }  // namespace fuzz

@@ -10,18 +10,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int fn = in.range(0, 9);
     const uint32_t alg = in.u8() < 224 ? uint32_t(in.range(0, 1)) : in.u32();
     const uint32_t stateOrder = uint32_t(in.range(0, 20));
-    const uint8_t nulls = in.u8();
-    bool anyNull = false;
-    auto chk = [&](int bit, auto* p) -> decltype(p) {
-        if ((nulls >> bit) & (nulls >> 7) & 1) {
-            anyNull = true;
-            return nullptr;
-        }
-        return p;
-    };
+    Nulls chk(in);
     uint32_t bytes = 0;
     const QelStatus sz = qelrSHGetSize_32f(stateOrder, alg, fn == 0 ? chk(0, &bytes) : &bytes);
-    const QelStatus want = anyNull ? qelErrNullPointer : alg > 1 ? qelErrBadArgument
+    const QelStatus want = chk.any ? qelErrNullPointer : alg > 1 ? qelErrBadArgument
                                    : (alg == 0 && stateOrder > 15) ? qelErrSize : qelOk;
     if (sz != want) abort();
     if (fn == 0 || sz != qelOk) return 0;
@@ -61,9 +53,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     // The checks: pointers, then the count, then the order (the band form
     // looks at the band before the count).
-    QelStatus expect = anyNull ? qelErrNullPointer : n == 0 ? qelErrSize
+    QelStatus expect = chk.any ? qelErrNullPointer : n == 0 ? qelErrSize
                        : (order > stateOrder || order > 15) ? qelErrBadArgument : qelOk;
-    if (fn == 3) expect = anyNull ? qelErrNullPointer : order > 15 ? qelErrBadArgument : n == 0 ? qelErrSize : qelOk;
+    if (fn == 3) expect = chk.any ? qelErrNullPointer : order > 15 ? qelErrBadArgument : n == 0 ? qelErrSize : qelOk;
     // A count below 0 with 15 < order <= the state's order: both refusals are fine.
     if (n < 0 && fn >= 4 && expect == qelErrBadArgument && order <= stateOrder && st == qelOk) st = expect;
     if (st != expect) {

@@ -8,16 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Arena a;
     const int fn = in.range(0, 11);
     const bool misalign = in.u8() < 64;
-    const uint8_t nulls = in.u8();
-    bool anyNull = false;
-    // A checked pointer argument, null now and then.
-    auto chk = [&](int bit, auto* p) -> decltype(p) {
-        if ((nulls >> bit) & (nulls >> 7) & 1) {
-            anyNull = true;
-            return nullptr;
-        }
-        return p;
-    };
+    Nulls chk(in);
     if (fn == 0) {  // per-triangle normals (parallel)
         const Mesh m = readMesh(in, a, 12, 40);
         const int count = in.flag() ? m.nt : in.size(0);
@@ -25,16 +16,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         float* normals = a.alloc<float>(3 * size_t(m.nt));
         const QelStatus st = qelrTriangleNormal_32f(chk(0, m.vertices), chk(1, m.indices), chk(2, normals),
                                                     count > 0 ? m.nt : count);
-        if (st != (anyNull ? qelErrNullPointer : qelOk)) abort();
+        if (st != (chk.any ? qelErrNullPointer : qelOk)) abort();
         return 0;
     }
     const int len = in.flag() ? 4 * in.range(0, 4) : in.size(13);
     const size_t n = len > 0 ? size_t(len) : 0;
     const int nt = in.range(1, 6);
     int* mask = a.mask(in, n, nt - 1, misalign);
-    float** A = planes3(in, a, n, misalign);
-    float** B = planes3(in, a, n, misalign);
-    float** out = planes3(in, a, n, misalign);
+    float** A = a.planes3(in, n, misalign);
+    float** B = a.planes3(in, n, misalign);
+    float** out = a.planes3(in, n, misalign);
     float* s1 = a.floats(in, n, misalign);
     float* s2 = a.floats(in, n, misalign);
     float triple[3] = {in.f32(), in.f32(), in.f32()};
@@ -72,6 +63,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             st = qelrAddMulMul_32f_AC1P3IM(triple, chk(0, s1), chk(1, A), chk(2, mask), chk(3, out), len);
             break;
     }
-    if (st != (anyNull ? qelErrNullPointer : qelOk)) abort();
+    if (st != (chk.any ? qelErrNullPointer : qelOk)) abort();
     return 0;
 }

@@ -34,6 +34,25 @@ QelBox3D box(Input& in, const QelVolumeSize& v, bool big) {
     return b;
 }
 
+// The box of a whole volume (one element when the size is not valid).
+QelBox3D whole(const QelVolumeSize& v) {
+    const bool ok = v.width > 0 && v.height > 0 && v.depth > 0;
+    return {0, 0, 0, ok ? v.width : 1, ok ? v.height : 1, ok ? v.depth : 1};
+}
+
+// The export of element type T among the 8u, 16u and 32f forms; and a call
+// of f with a value of the element type numbered t.
+template <class T, class F8, class F16, class F32>
+auto byType(F8 f8, F16 f16, F32 f32) {
+    if constexpr (sizeof(T) == 1) return f8;
+    else if constexpr (sizeof(T) == 2) return f16;
+    else return f32;
+}
+template <class F>
+QelStatus forType(int t, F f) {
+    return t == 0 ? f(uint8_t{}) : t == 1 ? f(uint16_t{}) : f(float{});
+}
+
 // A volume of element size es covering `b` (or, when b is not well formed, one
 // element): plane pointers addressed by absolute coordinates, one row step.
 struct Vol {
@@ -74,26 +93,14 @@ QelStatus resize(Input& in, Arena& a, bool contiguous, bool big) {
     int bytes = 0;
     if (qelrResizeGetBufSize(sb, db, 1, mode, &bytes) != qelOk) bytes = in.range(0, 64);
     uint8_t* work = a.alloc<uint8_t>(size_t(bytes));
-    const bool ok = ss.width > 0 && ss.height > 0 && ss.depth > 0;
-    const QelBox3D whole{0, 0, 0, ok ? ss.width : 1, ok ? ss.height : 1, ok ? ss.depth : 1};
-    Vol src(in, a, whole, sizeof(T), contiguous), dst(in, a, db, sizeof(T), contiguous);
-    if (contiguous) {
-        QelStatus (*fn)(const T*, QelVolumeSize, int, int, QelBox3D, T*, int, int, QelBox3D, double, double,
-                        double, double, double, double, int, QelU8*);
-        if constexpr (sizeof(T) == 1) fn = qelrResize_8u_C1V;
-        else if constexpr (sizeof(T) == 2) fn = qelrResize_16u_C1V;
-        else fn = qelrResize_32f_C1V;
-        return fn(reinterpret_cast<const T*>(src.base), ss, src.rowStep, src.sliceStep, sb,
-                  reinterpret_cast<T*>(dst.base), dst.rowStep, dst.sliceStep, db, f[0], f[1], f[2], f[3], f[4],
-                  f[5], mode, work);
-    }
-    QelStatus (*fn)(const T* const*, QelVolumeSize, int, QelBox3D, T* const*, int, QelBox3D, double, double,
-                    double, double, double, double, int, QelU8*);
-    if constexpr (sizeof(T) == 1) fn = qelrResize_8u_C1PV;
-    else if constexpr (sizeof(T) == 2) fn = qelrResize_16u_C1PV;
-    else fn = qelrResize_32f_C1PV;
-    return fn(reinterpret_cast<const T* const*>(src.pv), ss, src.rowStep, sb, reinterpret_cast<T* const*>(dst.pv),
-              dst.rowStep, db, f[0], f[1], f[2], f[3], f[4], f[5], mode, work);
+    Vol src(in, a, whole(ss), sizeof(T), contiguous), dst(in, a, db, sizeof(T), contiguous);
+    if (contiguous)
+        return byType<T>(qelrResize_8u_C1V, qelrResize_16u_C1V, qelrResize_32f_C1V)(
+            reinterpret_cast<const T*>(src.base), ss, src.rowStep, src.sliceStep, sb, reinterpret_cast<T*>(dst.base),
+            dst.rowStep, dst.sliceStep, db, f[0], f[1], f[2], f[3], f[4], f[5], mode, work);
+    return byType<T>(qelrResize_8u_C1PV, qelrResize_16u_C1PV, qelrResize_32f_C1PV)(
+        reinterpret_cast<const T* const*>(src.pv), ss, src.rowStep, sb, reinterpret_cast<T* const*>(dst.pv),
+        dst.rowStep, db, f[0], f[1], f[2], f[3], f[4], f[5], mode, work);
 }
 
 template <class T>
@@ -101,9 +108,7 @@ QelStatus remapOrWarp(Input& in, Arena& a, bool warp, bool big) {
     const QelVolumeSize ss{extent(in, big), extent(in, big), in.flag() ? 1 : extent(in, big)};
     const QelBox3D sb = box(in, ss, big);
     const int mode = in.range(0, 8);
-    const bool ok = ss.width > 0 && ss.height > 0 && ss.depth > 0;
-    const QelBox3D whole{0, 0, 0, ok ? ss.width : 1, ok ? ss.height : 1, ok ? ss.depth : 1};
-    Vol src(in, a, whole, sizeof(T), false);
+    Vol src(in, a, whole(ss), sizeof(T), false);
     // Steps below 1 are refused by the single-plane remap; elsewhere they are
     // the caller's to get right.
     const bool badStep = !warp && ss.depth == 1 && in.u8() < 16;
@@ -115,17 +120,12 @@ QelStatus remapOrWarp(Input& in, Arena& a, bool warp, bool big) {
         const bool raw = in.u8() < 64;
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 4; ++j) c[i][j] = raw ? in.f64() : (i == j) + in.range(-4, 4) / 4.0;
-        QelStatus (*fn)(const T* const*, QelVolumeSize, int, QelBox3D, T* const*, int, QelBox3D,
-                        const double(*)[4], int);
-        if constexpr (sizeof(T) == 1) fn = qelrWarpAffine_8u_C1PV;
-        else if constexpr (sizeof(T) == 2) fn = qelrWarpAffine_16u_C1PV;
-        else fn = qelrWarpAffine_32f_C1PV;
-        return fn(reinterpret_cast<const T* const*>(src.pv), ss, src.rowStep, sb, reinterpret_cast<T* const*>(dst.pv),
-                  dst.rowStep, db, c, mode);
+        return byType<T>(qelrWarpAffine_8u_C1PV, qelrWarpAffine_16u_C1PV, qelrWarpAffine_32f_C1PV)(
+            reinterpret_cast<const T* const*>(src.pv), ss, src.rowStep, sb, reinterpret_cast<T* const*>(dst.pv),
+            dst.rowStep, db, c, mode);
     }
     const QelVolumeSize dv{extent(in, big), extent(in, big), extent(in, big)};
-    const bool dok = dv.width > 0 && dv.height > 0 && dv.depth > 0;
-    const QelBox3D dwhole{0, 0, 0, dok ? dv.width : 1, dok ? dv.height : 1, dok ? dv.depth : 1};
+    const QelBox3D dwhole = whole(dv);
     Vol dst(in, a, dwhole, sizeof(T), false);
     const int mapStep = dwhole.width * 4;
     const float scale = float(in.range(1, 8));
@@ -139,12 +139,7 @@ QelStatus remapOrWarp(Input& in, Arena& a, bool warp, bool big) {
         }
         maps[m] = planes;
     }
-    QelStatus (*fn)(const T* const*, QelVolumeSize, int, QelBox3D, const float* const*, const float* const*,
-                    const float* const*, int, T* const*, int, QelVolumeSize, int);
-    if constexpr (sizeof(T) == 1) fn = qelrRemap_8u_C1PV;
-    else if constexpr (sizeof(T) == 2) fn = qelrRemap_16u_C1PV;
-    else fn = qelrRemap_32f_C1PV;
-    return fn(reinterpret_cast<const T* const*>(src.pv), ss, srcStep, sb, maps[0], maps[1], maps[2],
+    return byType<T>(qelrRemap_8u_C1PV, qelrRemap_16u_C1PV, qelrRemap_32f_C1PV)(reinterpret_cast<const T* const*>(src.pv), ss, srcStep, sb, maps[0], maps[1], maps[2],
               badStep && in.flag() ? 0 : mapStep, reinterpret_cast<T* const*>(dst.pv), dst.rowStep, dv, mode);
 }
 
@@ -201,20 +196,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (st == qelOk && bytes < 0) abort();
             break;
         }
-        case 1: case 2: case 3: case 4: case 5: case 6: {
-            const bool contiguous = fn <= 3;
-            const int t = (fn - 1) % 3;
-            st = t == 0 ? resize<uint8_t>(in, a, contiguous, big)
-               : t == 1 ? resize<uint16_t>(in, a, contiguous, big) : resize<float>(in, a, contiguous, big);
+        case 1: case 2: case 3: case 4: case 5: case 6:  // resize, contiguous then planar
+            st = forType((fn - 1) % 3, [&](auto e) { return resize<decltype(e)>(in, a, fn <= 3, big); });
             break;
-        }
-        case 7: case 8: case 9: case 10: case 11: case 12: {
-            const bool warp = fn >= 10;
-            const int t = (fn - 7) % 3;
-            st = t == 0 ? remapOrWarp<uint8_t>(in, a, warp, big)
-               : t == 1 ? remapOrWarp<uint16_t>(in, a, warp, big) : remapOrWarp<float>(in, a, warp, big);
+        case 7: case 8: case 9: case 10: case 11: case 12:  // remap, then warp
+            st = forType((fn - 7) % 3, [&](auto e) { return remapOrWarp<decltype(e)>(in, a, fn >= 10, big); });
             break;
-        }
         default: st = filter(in, a, big); break;
     }
     // Only documented statuses.

@@ -118,6 +118,15 @@ QelStatus warp(int t, const void* const* src, QelVolumeSize ss, QelBox3D sb, voi
         default: return qelrWarpAffine_32f_C1PV((const float* const*)src, ss, 64, sb, (float* const*)dst, 64, db, c, mode);
     }
 }
+// Pointer argument p, null when the row's run t is k.
+template <class T>
+T* nz(int t, int k, T* p) { return t == k ? nullptr : p; }
+#define Z(k, p) nz(t, k, p)
+// KD-tree build of the 3-vertex, 1-triangle mesh with the given parameters.
+QelStatus kd(uint32_t alg, uint32_t depth, float quality, uint32_t budget, int t = -1) {
+    KDTreeBuildParams p{alg, depth, quality, budget, 0};
+    return qelrKDTreeBuildAlloc(Z(0, (KDTreeNode**)Ov), Z(1, F), Z(2, M), 3, 1, Z(3, Oi), Z(4, &p));
+}
 // Filter: 4x4x4 region, 3x3x3 kernel, anchor (1, 1, 1), divisor 1.
 const int32_t K27[27] = {1};
 QelStatus filter(const void* const* src, const void* const* dst, QelVolumeSize roi, const int32_t* k,
@@ -133,6 +142,7 @@ const std::pair<std::string, std::set<std::string>> kDispatched[] = {
     {"remap(", {"qelrRemap_8u_C1PV", "qelrRemap_16u_C1PV", "qelrRemap_32f_C1PV"}},
     {"warp(", {"qelrWarpAffine_8u_C1PV", "qelrWarpAffine_16u_C1PV", "qelrWarpAffine_32f_C1PV"}},
     {"filter(", {"qelrFilter_16s_C1PV"}},
+    {"kd(", {"qelrKDTreeBuildAlloc"}},
 };
 
 struct Row {
@@ -143,6 +153,7 @@ struct Row {
 };
 #define R(want, ...) {want, #__VA_ARGS__, [](int) -> QelStatus { return __VA_ARGS__; }, 1}
 #define RT(n, want, ...) {want, #__VA_ARGS__, [](int t) -> QelStatus { return __VA_ARGS__; }, n}
+#define RN RT  // n runs, Z(k, p) null in run k: each pointer argument in turn
 
 const Row kRows[] = {
     // --- accelerator records, scene box, KD-tree ------------------------------
@@ -153,29 +164,25 @@ const Row kRows[] = {
     R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, F, M, INT_MIN)),
     R(qelErrNullPointer, qelrSetBoundBox_32f(N, 3, Of)),
     R(qelErrNullPointer, qelrSetBoundBox_32f(N, -1, Of)),
-    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc(N, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, N, M, 3, 1, Oi, &p); }()),
-    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, N, 3, 1, Oi, &p); }()),
-    R(qelErrNullPointer, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, N, &p); }()),
-    R(qelErrNullPointer, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, N)),
+    RN(5, qelErrNullPointer, kd(qelKdSingleLeaf, 0, 0, 32, t)),
     R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, -1, 1, Oi, N)),   // counts before params
     R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, -1, Oi, N)),
     R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, INT_MIN, INT_MIN, Oi, N)),
     R(qelErrNullPointer, qelrKDTreeBuildAlloc(N, F, M, -1, -1, Oi, N)),          // pointers before counts
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdSingleLeaf, 51, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdSingleLeaf, UINT32_MAX, 0, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, kd(qelKdSingleLeaf, 51, 0, 32)),
+    R(qelErrParamRange, kd(qelKdSingleLeaf, UINT32_MAX, 0, 0)),
     R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdSingleLeaf, 0, 0, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, INT_MAX, Oi, &p); }()),  // 16 + 4n bytes past 32 bits
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 51, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, -0.01f, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 1.01f, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, kNaN, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 0, kInf, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrParamRange, [] { KDTreeBuildParams p{qelKdCostDriven, 60, 2, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),  // range before budget
-    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 0, 31, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 0, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrNoMemory, [] { KDTreeBuildParams p{qelKdCostDriven, 0, 0, 0x2000, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),  // << 19 wraps to 0
-    R(qelErrUnknownAlgorithm, [] { KDTreeBuildParams p{0, 0, 0, 32, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
-    R(qelErrUnknownAlgorithm, [] { KDTreeBuildParams p{UINT32_MAX, 99, kNaN, 0, 0}; return qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, 1, Oi, &p); }()),
+    R(qelErrParamRange, kd(qelKdCostDriven, 51, 0, 32)),
+    R(qelErrParamRange, kd(qelKdCostDriven, 0, -0.01f, 32)),
+    R(qelErrParamRange, kd(qelKdCostDriven, 0, 1.01f, 32)),
+    R(qelErrParamRange, kd(qelKdCostDriven, 0, kNaN, 32)),
+    R(qelErrParamRange, kd(qelKdCostDriven, 0, kInf, 32)),
+    R(qelErrParamRange, kd(qelKdCostDriven, 60, 2, 0)),  // range before budget
+    R(qelErrNoMemory, kd(qelKdCostDriven, 0, 0, 31)),
+    R(qelErrNoMemory, kd(qelKdCostDriven, 0, 0, 0)),
+    R(qelErrNoMemory, kd(qelKdCostDriven, 0, 0, 0x2000)),  // << 19 wraps to 0
+    R(qelErrUnknownAlgorithm, kd(0, 0, 0, 32)),
+    R(qelErrUnknownAlgorithm, kd(UINT32_MAX, 99, kNaN, 0)),
     R(qelOk, qelrKDTreeFree(N)),
 
     // --- eye rays, intersection, hit points -----------------------------------
@@ -194,91 +201,55 @@ const Row kRows[] = {
     R(qelOk, qelrIntersectAnySO_32f(N, N, N, N, {INT_MAX, -1}, N)),
     R(qelOk, [] { QelLayeredSize s{4, 0, 2}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
     R(qelOk, [] { QelLayeredSize s{4, -1, 1}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
-    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, N, M, O3, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, N, O3, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, N, F, M, O3, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, M, N, 4, 1)),
+    RN(4, qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, Z(0, I3), Z(1, F), Z(2, M), Z(3, O3), 4, 1)),
     R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, M, N, 0, 1)),      // null before length
     R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3, 0, kNaN)),
     R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3m, -4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, I3, N, M, O3, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, N, O3, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, N, F, M, O3, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, N, 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(N, I3, F, M, O3, 4, 1)),
+    RN(5, qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(Z(0, I3), Z(1, I3), Z(2, F), Z(3, M), Z(4, O3), 4, 1)),
     R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(N, I3, F, M, O3, -1, 1)),
     R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3, 0, kInf)),
     R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3m, INT_MIN, 1)),
 
     // --- normals and shading operations -------------------------------------
-    R(qelErrNullPointer, qelrTriangleNormal_32f(N, M, Of, 1)),
-    R(qelErrNullPointer, qelrTriangleNormal_32f(F, N, Of, 1)),
-    R(qelErrNullPointer, qelrTriangleNormal_32f(F, M, N, 1)),
+    RN(3, qelErrNullPointer, qelrTriangleNormal_32f(Z(0, F), Z(1, M), Z(2, Of), 1)),
     R(qelErrNullPointer, qelrTriangleNormal_32f(F, M, N, -1)),
     R(qelOk, qelrTriangleNormal_32f(F, M, Of, 0)),
     R(qelOk, qelrTriangleNormal_32f(F, M, Of, INT_MIN)),
-    R(qelErrNullPointer, qelrSurfFlatNormal_32f(N, M, O3, 4)),
-    R(qelErrNullPointer, qelrSurfFlatNormal_32f(F, N, O3, 4)),
+    RN(2, qelErrNullPointer, qelrSurfFlatNormal_32f(Z(0, F), Z(1, M), O3, 4)),
     R(qelErrNullPointer, qelrSurfFlatNormal_32f(F, N, O3, 0)),
     R(qelOk, qelrSurfFlatNormal_32f(F, M, N, 0)),                                // output pack not checked
     R(qelOk, qelrSurfFlatNormal_32f(F, M, O3m, -4)),
-    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(N, M, M, I2, O3, 4, 4)),
-    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, N, M, I2, O3, 4, 4)),
-    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, N, I2, O3, 4, 4)),
-    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, N, O3, 4, 4)),
-    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, I2, N, 4, 4)),
+    RN(5, qelErrNullPointer, qelrSurfSmoothNormal_32f(Z(0, F), Z(1, M), Z(2, M), Z(3, I2), Z(4, O3), 4, 4)),
     R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, I2, N, -1, 4)),
     R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3, 0, 4)),
     R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3m, -8, INT_MIN)),
-    R(qelErrNullPointer, qelrDot_32f_P3C1M(N, I3, M, Of, 4)),
-    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, N, M, Of, 4)),
-    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, N, Of, 4)),
-    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, M, N, 4)),
+    RN(4, qelErrNullPointer, qelrDot_32f_P3C1M(Z(0, I3), Z(1, I3), Z(2, M), Z(3, Of), 4)),
     R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, M, N, 0)),
     R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of, 0)),
     R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of + 1, -4)),
-    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(N, M, O3, Of, 4)),
-    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(I3, N, O3, Of, 4)),
-    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(I3, M, N, Of, 4)),
-    R(qelErrNullPointer, qelrDotChangeNorm_32f_IM(I3, M, O3, N, 4)),
+    RN(4, qelErrNullPointer, qelrDotChangeNorm_32f_IM(Z(0, I3), Z(1, M), Z(2, O3), Z(3, Of), 4)),
     R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3m, Of, 0)),
     R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3, Of, -1)),
-    R(qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, N, M, Of, 4)),
-    R(qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, I3, N, Of, 4)),
-    R(qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, I3, M, N, 4)),
+    RN(3, qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, Z(0, I3), Z(1, M), Z(2, Of), 4)),
     R(qelOk, qelrDistAttenuationSO_32f_M(N, I3, M, Of, 0)),                      // light not checked
     R(qelOk, qelrDistAttenuationSO_32f_M(L3, I3, M, Of + 1, -4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, N, I3, I3, Oi, Of, O3, 4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, N, I3, Oi, Of, O3, 4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, N, Oi, Of, O3, 4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, N, Of, O3, 4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, N, O3, 4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, N, 4)),
+    RN(6, qelErrNullPointer, qelrCastShadowSO_32f(L3, Z(0, F), Z(1, I3), Z(2, I3), Z(3, Oi), Z(4, Of), Z(5, O3), 4)),
     R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, N, 0)),
     R(qelOk, qelrCastShadowSO_32f(N, F, I3, I3, Oi, Of, O3, 0)),
     R(qelOk, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, O3m, -4)),
-    R(qelErrNullPointer, qelrCastReflectionRay_32f(N, M, I3, O3, 4)),
-    R(qelErrNullPointer, qelrCastReflectionRay_32f(I3, N, I3, O3, 4)),
-    R(qelErrNullPointer, qelrCastReflectionRay_32f(I3, M, N, O3, 4)),
-    R(qelErrNullPointer, qelrCastReflectionRay_32f(I3, M, I3, N, 4)),
+    RN(4, qelErrNullPointer, qelrCastReflectionRay_32f(Z(0, I3), Z(1, M), Z(2, I3), Z(3, O3), 4)),
     R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3, 0)),
     R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3m, -8)),
     R(qelOk, qelrMul_32f_C1IM(N, N, N, 0)),                                      // no checks; length first
     R(qelOk, qelrMul_32f_C1IM(F, M, Of, -4)),
-    R(qelErrNullPointer, qelrMul_32f_C1P3IM(N, M, O3, 4)),
-    R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, N, O3, 4)),
-    R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, M, N, 4)),
+    RN(3, qelErrNullPointer, qelrMul_32f_C1P3IM(Z(0, F), Z(1, M), Z(2, O3), 4)),
     R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, M, N, 0)),
     R(qelOk, qelrMul_32f_C1P3IM(F, M, O3m, -4)),
-    R(qelErrNullPointer, qelrDiv_32f_C1IM(N, M, Of, 4)),
-    R(qelErrNullPointer, qelrDiv_32f_C1IM(F, M, N, 4)),
+    RN(2, qelErrNullPointer, qelrDiv_32f_C1IM(Z(0, F), M, Z(1, Of), 4)),
     R(qelErrNullPointer, qelrDiv_32f_C1IM(N, N, Of, 0)),
     R(qelOk, qelrDiv_32f_C1IM(F, N, Of, 0)),                                     // mask not checked
     R(qelOk, qelrDiv_32f_C1IM(F, M, Of + 1, INT_MIN)),
-    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, N, I3, M, O3, 4)),
-    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, F, N, M, O3, 4)),
-    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, N, O3, 4)),
-    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, M, N, 4)),
+    RN(4, qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, Z(0, F), Z(1, I3), Z(2, M), Z(3, O3), 4)),
     R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, N, 0)),
     R(qelOk, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, O3, 0)),                     // colour not checked
     R(qelOk, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, M, O3m, -4)),
@@ -295,10 +266,7 @@ const Row kRows[] = {
     R(qelErrSize, qelrSHInit_32f((QelSHEngine*)Ov, 16, qelSHDirect)),
     R(qelErrBadArgument, qelrSHInit_32f((QelSHEngine*)Ov, 2, 2)),
     R(qelErrBadArgument, qelrSHInit_32f((QelSHEngine*)Ov, 2, 0x80000000u)),
-    R(qelErrNullPointer, qelrSH_32f(N, F, F, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSH_32f(F, N, F, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSH_32f(F, F, N, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSH_32f(F, F, F, 1, N, 1, E)),
+    RN(5, qelErrNullPointer, qelrSH_32f(Z(0, F), Z(1, F), Z(2, F), 1, Z(3, Of), 1, Z(4, E))),
     R(qelErrNullPointer, qelrSH_32f(F, F, F, 0, Of, 1, N)),
     R(qelErrSize, qelrSH_32f(F, F, F, 0, Of, UINT32_MAX, E)),                      // count before order
     R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 3, E)),                        // above the state's order
@@ -307,9 +275,7 @@ const Row kRows[] = {
     R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 0, Ebad)),                     // unknown selector
     R(qelOk, qelrSH_32f(F, F, F, -1, Of, 2, E)),
     R(qelOk, qelrSH_32f(F, F, F, INT_MIN, Of, 2, E)),
-    R(qelErrNullPointer, qelrSHBand_32f(N, F, F, 1, Of, 1)),
-    R(qelErrNullPointer, qelrSHBand_32f(F, N, F, 1, Of, 1)),
-    R(qelErrNullPointer, qelrSHBand_32f(F, F, N, 1, Of, 1)),
+    RN(3, qelErrNullPointer, qelrSHBand_32f(Z(0, F), Z(1, F), Z(2, F), 1, Of, 1)),
     R(qelErrNullPointer, qelrSHBand_32f(F, F, F, 1, N, 99)),
     R(qelErrBadArgument, qelrSHBand_32f(F, F, F, 0, Of, 16)),                      // band before count
     R(qelErrBadArgument, qelrSHBand_32f(F, F, F, 1, Of, UINT32_MAX)),
@@ -317,55 +283,36 @@ const Row kRows[] = {
     R(qelOk, qelrSHBand_32f(F, F, F, -1, Of, 15)),
     // Transforms: every pointer and each plane of a P3 argument, then the
     // count, then the order; a count below 0 does nothing.
-    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(N, F, F, F, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, N, F, F, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, N, F, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, N, 1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, F, 1, N, 1, E)),
+    RN(5, qelErrNullPointer, qelrSHTFwd_32f_C1I(Z(0, F), Z(1, F), Z(2, F), Z(3, F), 1, Z(4, Of), 1, E)),
     R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 1, N)),
     R(qelErrSize, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 9, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 3, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 16, E20)),
     R(qelOk, qelrSHTFwd_32f_C1I(F, F, F, F, -1, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(N, F, F, F, 1, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, N, 1, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, 1, N, 1, E)),
+    RN(4, qelErrNullPointer, qelrSHTFwd_32f_C3P3I(Z(0, F), F, F, Z(1, F), 1, Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, -1, O3n, 1, E)),         // a null plane, even with n < 0
-    R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, 1, O3, 1, N)),
     R(qelErrSize, qelrSHTFwd_32f_C3P3I(F, F, F, F, 0, O3, 1, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C3P3I(F, F, F, F, 2, O3, 3, E)),
     R(qelOk, qelrSHTFwd_32f_C3P3I(F, F, F, F, INT_MIN, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, N, F, I3, 1, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, N, 1, O3, 1, E)),
+    RN(4, qelErrNullPointer, qelrSHTFwd_32f_P3I(F, Z(0, F), F, Z(1, I3), 1, Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3n, 1, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, N, 1, E)),
     R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, -1, O3n, 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, O3, 1, N)),
     R(qelErrSize, qelrSHTFwd_32f_P3I(F, F, F, I3, 0, O3, 1, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, O3, 3, E)),
     R(qelOk, qelrSHTFwd_32f_P3I(F, F, F, I3, -5, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_C1(N, 1, F, F, F, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_C1(F, 1, N, F, F, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_C1(F, 1, F, F, F, N, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, 1, N)),
+    RN(4, qelErrNullPointer, qelrSHTInv_32f_C1(Z(0, F), 1, Z(1, F), F, F, Z(2, Of), 1, Z(3, E))),
     R(qelErrSize, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 3, F, F, F, Of, 1, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 17, F, F, F, Of, 1, E20)),
     R(qelOk, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, -1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3(N, 1, F, F, F, O3, 1, E)),
     R(qelErrNullPointer, qelrSHTInv_32f_P3(I3n, 1, F, F, F, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, N, O3, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, N, 1, E)),
+    RN(4, qelErrNullPointer, qelrSHTInv_32f_P3(Z(0, I3), 1, F, F, Z(1, F), Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3n, -1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, 1, N)),
     R(qelErrSize, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_P3(I3, 3, F, F, F, O3, 1, E)),
     R(qelOk, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, -1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(N, 1, F, F, F, Of, 1, E)),
     R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3n, 1, F, F, F, Of, -1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3, 1, N, F, F, Of, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, N, 1, E)),
-    R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, 1, N)),
+    RN(4, qelErrNullPointer, qelrSHTInv_32f_P3C3(Z(0, I3), 1, Z(1, F), F, F, Z(2, Of), 1, Z(3, E))),
     R(qelErrSize, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_P3C3(I3, 3, F, F, F, Of, 1, E)),
     R(qelOk, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, -1, E)),
@@ -496,9 +443,7 @@ const Row kRows[] = {
     RT(3, qelOk, warp(t, S4, V1, B4, D4, B4, kNaNs, 1)),
 
     // --- filter ---------------------------------------------------------------
-    R(qelErrNullPointer, filter(N, D4, V4, K27, {3, 3, 3}, 1)),
-    R(qelErrNullPointer, filter(S4, N, V4, K27, {3, 3, 3}, 1)),
-    R(qelErrNullPointer, filter(S4, D4, V4, N, {3, 3, 3}, 1)),
+    RN(3, qelErrNullPointer, filter(Z(0, S4), Z(1, D4), V4, Z(2, K27), {3, 3, 3}, 1)),
     R(qelErrNullPointer, filter(S4, D4, vol(0, 0), N, {0, 3, 3}, 0)),
     R(qelErrSize, filter(S4, D4, vol(0, 0), K27, {3, 3, 3}, 1)),
     R(qelErrSize, filter(S4, D4, vol(1, -1), K27, {3, 3, 3}, 1)),

@@ -27,10 +27,9 @@ struct BoxVolume {
     QelBox3D box;
     BoxVolume(QelBox3D b, uint8_t fill)
         : data(size_t(b.width) * b.height * b.depth, fill), box(b) {
-        for (int k = 0; k < b.depth; ++k) {
+        for (int k = 0; k < b.depth; ++k)
             planes.push_back(movedBy(data.data() + size_t(k) * b.width * b.height,
                                      -(int64_t{b.x} + int64_t{b.y} * b.width)));
-        }
     }
     uint8_t* const* pv() { return movedBy(planes.data(), -int64_t{box.z} * 8); }
     int rowStep() const { return box.width; }
@@ -69,16 +68,13 @@ TEST(Limits, WarpDestinationCuboidEndingPastInt32Max) {
             ASSERT_EQ(qelrWarpAffine_8u_C1PV(sp.data(), {4, 4, sd}, 4, {0, 0, 0, 4, 4, sd},
                                              dst.pv(), dst.rowStep(), c.dst, coeffs, mode),
                       qelOk);
-            for (int k = 0; k < c.dst.depth; ++k) {
-                for (int j = 0; j < c.dst.height; ++j) {
-                    for (int i = 0; i < c.dst.width; ++i) {
-                        // Integer translations: element (i, j, k) of the box
-                        // reads source element (i, j, k) exactly.
+            // Integer translations: element (i, j, k) of the box reads source
+            // element (i, j, k) exactly.
+            for (int k = 0; k < c.dst.depth; ++k)
+                for (int j = 0; j < c.dst.height; ++j)
+                    for (int i = 0; i < c.dst.width; ++i)
                         EXPECT_EQ(dst.at(i, j, k), written ? src[16 * k + 4 * j + i] : 0)
                             << i << "," << j << "," << k;
-                    }
-                }
-            }
         }
     }
 }
@@ -111,18 +107,16 @@ TEST(Limits, FilterAnchorBeyondInt32Range) {
         for (size_t i = 0; i < src.size(); ++i) src[i] = int16_t(3 * i + 1);
         const int srcStep = sw * 2;
         std::vector<const int16_t*> sp;
-        for (int z = 0; z < sd; ++z) {
+        for (int z = 0; z < sd; ++z)
             sp.push_back(movedBy(src.data() + size_t(z) * sw * sh, -(x0 * 2 + y0 * srcStep)));
-        }
         std::vector<int32_t> kernel(size_t(c.ks.width) * c.ks.height * c.ks.depth);
         for (size_t i = 0; i < kernel.size(); ++i) kernel[i] = int32_t(i + 1);
 
         const size_t n = size_t(c.roi.width) * c.roi.height * c.roi.depth;
         std::vector<int16_t> dst(n, -7);
         std::vector<int16_t*> dp;
-        for (int z = 0; z < c.roi.depth; ++z) {
+        for (int z = 0; z < c.roi.depth; ++z)
             dp.push_back(dst.data() + size_t(z) * c.roi.width * c.roi.height);
-        }
         int bufSize = 0;
         ASSERT_EQ(qelrFilterGetBufSize(c.roi, c.ks, 1, &bufSize), qelOk);
         std::vector<QelU8> buf(bufSize);
@@ -130,12 +124,12 @@ TEST(Limits, FilterAnchorBeyondInt32Range) {
                                       c.roi.width * 2, c.roi, kernel.data(), c.ks, c.anchor, 1,
                                       buf.data()),
                   qelOk);
-        for (int k = 0; k < c.roi.depth; ++k) {
-            for (int j = 0; j < c.roi.height; ++j) {
+        for (int k = 0; k < c.roi.depth; ++k)
+            for (int j = 0; j < c.roi.height; ++j)
                 for (int i = 0; i < c.roi.width; ++i) {
                     int64_t sum = 0;
-                    for (int r = 0; r < c.ks.depth; ++r) {
-                        for (int q = 0; q < c.ks.height; ++q) {
+                    for (int r = 0; r < c.ks.depth; ++r)
+                        for (int q = 0; q < c.ks.height; ++q)
                             for (int p = 0; p < c.ks.width; ++p) {
                                 const int64_t x = i + int64_t{c.anchor.x} - p - x0;
                                 const int64_t y = j + int64_t{c.anchor.y} - q - y0;
@@ -143,13 +137,9 @@ TEST(Limits, FilterAnchorBeyondInt32Range) {
                                 sum += kernel[(size_t(r) * c.ks.height + q) * c.ks.width + p] *
                                        int64_t{src[size_t((z * sh + y) * sw + x)]};
                             }
-                        }
-                    }
                     EXPECT_EQ(dst[(size_t(k) * c.roi.height + j) * c.roi.width + i], sum)
                         << i << "," << j << "," << k;
                 }
-            }
-        }
     }
 }
 

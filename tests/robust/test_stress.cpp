@@ -55,15 +55,9 @@ const Inputs& in() {
     return i;
 }
 
-template <class T>
-std::vector<const T*> planesOf(const std::vector<T>& v, int w, int h, int d) {
-    std::vector<const T*> p;
-    for (int k = 0; k < d; ++k) p.push_back(v.data() + size_t(k) * w * h);
-    return p;
-}
-template <class T>
-std::vector<T*> planesOf(std::vector<T>& v, int w, int h, int d) {
-    std::vector<T*> p;
+template <class V>
+auto planesOf(V& v, int w, int h, int d) {
+    std::vector<decltype(v.data())> p;
     for (int k = 0; k < d; ++k) p.push_back(v.data() + size_t(k) * w * h);
     return p;
 }
