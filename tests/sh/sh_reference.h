@@ -8,13 +8,14 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <random>
 #include <vector>
 
 #include "core/dispatch.h"
 
 namespace sh_test {
+
+constexpr uint32_t kSelectors[] = {qelSHDirect, qelSHRecurrence};
 
 // The instruction-set variants this processor runs.
 inline std::vector<qelr::frame::Isa> variants() {
@@ -28,17 +29,14 @@ inline std::vector<qelr::frame::Isa> variants() {
 class Engine {
  public:
     Engine(uint32_t order, uint32_t algorithm) {
-        uint32_t size = 0;
-        status_ = qelrSHGetSize_32f(order, algorithm, &size);
+        status_ = qelrSHGetSize_32f(order, algorithm, &size_);
         if (status_ != qelOk) return;
-        size_ = size;
-        block_ = qelMalloc(static_cast<int>(size));
+        block_ = qelMalloc(static_cast<int>(size_));
         status_ = qelrSHInit_32f(get(), order, algorithm);
     }
     ~Engine() { qelFree(block_); }
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
-
     QelSHEngine* get() const { return static_cast<QelSHEngine*>(block_); }
     QelStatus status() const { return status_; }
     uint32_t size() const { return size_; }
@@ -67,11 +65,8 @@ inline Directions randomDirections(int n, unsigned seed) {
     Directions d;
     for (int i = 0; i < n; ++i) d.add(g(rng), g(rng), g(rng));
     // The poles and the equator, where factors vanish.
-    d.add(0, 0, 1);
-    d.add(0, 0, -1);
-    d.add(1, 0, 0);
-    d.add(0, -1, 0);
-    d.add(1, 1, 0);
+    const double special[5][3] = {{0, 0, 1}, {0, 0, -1}, {1, 0, 0}, {0, -1, 0}, {1, 1, 0}};
+    for (const auto& s : special) d.add(s[0], s[1], s[2]);
     return d;
 }
 

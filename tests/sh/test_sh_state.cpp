@@ -1,38 +1,32 @@
 // State size, initialisation and recurrence tables.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <vector>
 
 #include "sh/sh_engine.h"
 #include "sh_reference.h"
-#include "test_util.h"
 
 namespace {
 
-using qelr_test::bitsOf;
 using sh_test::Engine;
 
-TEST(SHState, SizeQuery) {
+TEST(SHState, SizesAndFailedInitialisations) {
     uint32_t size = 12345;
     EXPECT_EQ(qelrSHGetSize_32f(0, qelSHDirect, nullptr), qelErrNullPointer);
     EXPECT_EQ(qelrSHGetSize_32f(99, 5, nullptr), qelErrNullPointer);
-    EXPECT_EQ(qelrSHGetSize_32f(15, qelSHDirect, &size), qelOk);
-    EXPECT_EQ(size, 16u);
-    size = 12345;
     EXPECT_EQ(qelrSHGetSize_32f(16, qelSHDirect, &size), qelErrSize);
     EXPECT_EQ(qelrSHGetSize_32f(0, 2, &size), qelErrBadArgument);
     EXPECT_EQ(size, 12345u);
+    EXPECT_EQ(qelrSHGetSize_32f(15, qelSHDirect, &size), qelOk);
+    EXPECT_EQ(size, 16u);
     const uint32_t orders[] = {0, 1, 2, 3, 6, 15, 16, 100};
     const uint32_t sizes[] = {64, 64, 96, 128, 256, 1120, 1280, 41248};
     for (int i = 0; i < 8; ++i) {
         EXPECT_EQ(qelrSHGetSize_32f(orders[i], qelSHRecurrence, &size), qelOk);
         EXPECT_EQ(size, sizes[i]) << "order " << orders[i];
     }
-}
-
-TEST(SHState, FailuresLeaveTheBlockUntouched) {
+    // A failed initialisation writes nothing.
     alignas(16) unsigned char block[1024];
     std::memset(block, 0xAB, sizeof block);
     auto* engine = reinterpret_cast<QelSHEngine*>(block);
@@ -48,7 +42,8 @@ TEST(SHState, FailuresLeaveTheBlockUntouched) {
 }
 
 // Both tables lie inside a block of exactly the reported size, on 16-byte
-// boundaries (AddressSanitizer checks the writes of the initialisation).
+// boundaries (AddressSanitizer checks the writes of the initialisation);
+// orders 0 and 1 hold nothing but table A's first three entries.
 TEST(SHState, TablesFitTheReportedSize) {
     for (uint32_t order = 0; order <= 200; ++order) {
         Engine e(order, qelSHRecurrence);
@@ -62,58 +57,8 @@ TEST(SHState, TablesFitTheReportedSize) {
         EXPECT_GE(a - base, 24);
         EXPECT_GE(b, a + 4 * n);
         EXPECT_LE(static_cast<size_t>(b - base) + 4 * n, e.size()) << order;
-    }
-}
-
-TEST(SHState, LowOrdersHoldOnlyTheFirstThreeEntries) {
-    for (uint32_t order : {0u, 1u}) {
-        Engine e(order, qelSHRecurrence);
-        const float* a = qelr::sh::tableA(e.get());
-        const float* b = qelr::sh::tableB(e.get());
-        EXPECT_EQ(bitsOf(a[0]), 0x3E906EBBu);
-        EXPECT_EQ(bitsOf(a[1]), 0x3EFA2A1Du);
-        EXPECT_EQ(bitsOf(a[2]), 0xBEFA2A1Du);
-        for (int k = 0; k < 3; ++k) EXPECT_EQ(b[k], 0.0f);
-        // Everything after the header but table A's three entries is zero.
-        const auto* bytes = reinterpret_cast<const unsigned char*>(e.get());
-        const auto* aBytes = reinterpret_cast<const unsigned char*>(a);
-        for (uint32_t i = 24; i < e.size(); ++i) {
-            if (bytes + i >= aBytes && bytes + i < aBytes + 12) continue;
-            EXPECT_EQ(bytes[i], 0) << i;
-        }
-    }
-}
-
-// The tables against their definitions in double precision: the entries are
-// single-precision roundings, so they agree to a few units in the last place.
-TEST(SHState, TablesMatchTheirDefinitions) {
-    const int order = 40;
-    Engine e(order, qelSHRecurrence);
-    const float* a = qelr::sh::tableA(e.get());
-    const float* b = qelr::sh::tableB(e.get());
-    for (int l = 2; l <= order; ++l) {
-        const float* al = a + l * (l + 1) / 2;
-        const float* bl = b + l * (l + 1) / 2;
-        const double ld = l;
-        for (int m = 0; m <= l; ++m) {
-            double expectA, expectB;
-            if (m == 0) {
-                expectA = std::sqrt(4 * ld * ld - 1) / ld;
-                expectB = (1 / ld - 1) * std::sqrt((2 * ld + 1) / (2 * ld - 3));
-            } else if (m == l) {
-                expectA = -std::sqrt((2 * ld + 1) / (2 * ld));
-                expectB = 0;
-            } else {
-                expectA = std::sqrt((4 * ld * ld - 1) / (ld * ld - m * m));
-                expectB = -std::sqrt((2 * ld + 1) * ((ld - 1) * (ld - 1) - m * m) /
-                                     ((2 * ld - 3) * (ld * ld - m * m)));
-            }
-            EXPECT_NEAR(al[m], expectA, 4e-7 * std::fabs(expectA)) << l << " " << m;
-            EXPECT_NEAR(bl[m], expectB, 4e-7 * std::fabs(expectB)) << l << " " << m;
-        }
-        EXPECT_EQ(bl[l - 1], 0.0f);
-        EXPECT_EQ(bl[l], 0.0f);
-        EXPECT_EQ(al[l - 1], std::sqrt(static_cast<float>(2 * l + 1)));
+        for (uint32_t i = 24; order <= 1 && i < e.size(); ++i)
+            EXPECT_TRUE(base[i] == 0 || (base + i >= a && base + i < a + 12)) << i;
     }
 }
 
@@ -138,12 +83,9 @@ TEST(SHState, WrappedSizesStayInsideTheBlock) {
 }
 
 TEST(SHState, ReinitialisingOverwritesEverything) {
-    Engine big(30, qelSHRecurrence);
-    std::vector<unsigned char> fresh(big.size());
-    Engine small(3, qelSHRecurrence);
-    std::memcpy(fresh.data(), small.get(), small.size());
+    Engine big(30, qelSHRecurrence), small(3, qelSHRecurrence);
     ASSERT_EQ(qelrSHInit_32f(big.get(), 3, qelSHRecurrence), qelOk);
-    EXPECT_EQ(std::memcmp(big.get(), fresh.data(), small.size()), 0);
+    EXPECT_EQ(std::memcmp(big.get(), small.get(), small.size()), 0);
     ASSERT_EQ(qelrSHInit_32f(big.get(), 3, qelSHDirect), qelOk);
     EXPECT_EQ(qelr::sh::engineAlgorithm(big.get()), 0u);
 }
