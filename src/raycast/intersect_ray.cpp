@@ -78,18 +78,13 @@ LaneRays lanesAt(const float* origin, const float* const* origins, const float* 
 
 // Writes the lanes of a group that found a triangle (index for all lanes).
 void storeNearest(const LaneHits& h, float* dist, float* const uv[2], int* index, ptrdiff_t i) {
-    alignas(32) float best[kRayLanes], u[kRayLanes], v[kRayLanes];
-    alignas(32) int32_t found[kRayLanes];
-    store(best, h.best);
-    store(u, h.u);
-    store(v, h.v);
-    store(found, h.index);
+    const SpilledHits s = spill(h);
     for (int l = 0; l < kRayLanes; ++l) {
-        index[i + l] = found[l];
-        if (found[l] < 0) continue;
-        dist[i + l] = best[l];
-        uv[0][i + l] = u[l];
-        uv[1][i + l] = v[l];
+        index[i + l] = s.index[l];
+        if (s.index[l] < 0) continue;
+        dist[i + l] = s.best[l];
+        uv[0][i + l] = s.u[l];
+        uv[1][i + l] = s.v[l];
     }
 }
 
@@ -216,18 +211,13 @@ void multipleLanes(const QelTraceScene& scene, const float origin[3], const floa
         live = live & simd::asFloat(hit.index > Vi(-1));
         if (!anyLane(live)) return;
         const int lanes = laneBits(live);
-        alignas(32) float best[kRayLanes], u[kRayLanes], v[kRayLanes];
-        alignas(32) int32_t found[kRayLanes];
-        store(best, hit.best);
-        store(u, hit.u);
-        store(v, hit.v);
-        store(found, hit.index);
+        const SpilledHits s = spill(hit);
         for (int l = 0; l < kRayLanes; ++l) {
             if (!((lanes >> l) & 1)) continue;
-            dist[at + l] = best[l];
-            uv[0][at + l] = u[l];
-            uv[1][at + l] = v[l];
-            index[at + l] = found[l];
+            dist[at + l] = s.best[l];
+            uv[0][at + l] = s.u[l];
+            uv[1][at + l] = s.v[l];
+            index[at + l] = s.index[l];
             if (h >= 1) dist[at + l] = dist[at + l] + dist[at + l - stride];
         }
         for (int c = 0; c < 3; ++c) r.o[c] = select(live, r.o[c] + hit.best * r.d[c], r.o[c]);

@@ -68,6 +68,20 @@ struct LaneHits {
     Vi index;
 };
 
+// The lanes of a LaneHits spilled to memory, for writing them ray by ray.
+struct SpilledHits {
+    alignas(32) float best[kRayLanes], u[kRayLanes], v[kRayLanes];
+    alignas(32) int32_t index[kRayLanes];
+};
+inline SpilledHits spill(const LaneHits& h) {
+    SpilledHits s;
+    store(s.best, h.best);
+    store(s.u, h.u);
+    store(s.v, h.v);
+    store(s.index, h.index);
+    return s;
+}
+
 // The one-ray walk of the lanes in `lanes` (all of one octant, given by
 // `octant`: bit a set when axis a is negative). kAny: a lane ends at its first
 // accepted triangle (the index only). excluded(tri) gives the lanes for
