@@ -12,6 +12,7 @@
 #include <climits>
 #include <cmath>
 #include <memory>
+#include <type_traits>
 
 #include "common.h"
 #include "bindings.h"
@@ -140,23 +141,17 @@ auto byVolumeType(const py::array& a, const char* what, Fn&& fn) {
 // ---------------------------------------------------------------------------
 // Resize
 
-template <class T>
-struct ResizeEntry;
-template <>
-struct ResizeEntry<uint8_t> {
-    static constexpr auto v = qelrResize_8u_C1V;
-    static constexpr auto pv = qelrResize_8u_C1PV;
-};
-template <>
-struct ResizeEntry<uint16_t> {
-    static constexpr auto v = qelrResize_16u_C1V;
-    static constexpr auto pv = qelrResize_16u_C1PV;
-};
-template <>
-struct ResizeEntry<float> {
-    static constexpr auto v = qelrResize_32f_C1V;
-    static constexpr auto pv = qelrResize_32f_C1PV;
-};
+// The entry point of a volume function for element type T, from its 8u, 16u
+// and 32f forms.
+template <class T, class F8, class F16, class F32>
+constexpr auto forType(F8 f8, F16 f16, F32 f32) {
+    if constexpr (std::is_same_v<T, uint8_t>)
+        return f8;
+    else if constexpr (std::is_same_v<T, uint16_t>)
+        return f16;
+    else
+        return f32;
+}
 
 struct ResizeGeometry {
     std::array<double, 3> scale, offset;  // x, y, z
@@ -184,7 +179,7 @@ py::array resizeBox(const Source& s, const ResizeGeometry& g, const QelBox3D& bo
         if (q != qelOk) return q;
         std::unique_ptr<uint8_t[]> buffer(new uint8_t[static_cast<std::size_t>(size)]);
         if (v) {
-            return ResizeEntry<T>::v(
+            return forType<T>(qelrResize_8u_C1V, qelrResize_16u_C1V, qelrResize_32f_C1V)(
                 reinterpret_cast<const T*>(s.virtualBase()), s.whole,
                 static_cast<int>(s.data.strides(1)), static_cast<int>(s.data.strides(0)), srcBox,
                 reinterpret_cast<T*>(virtualOutputBase(out, box)),
@@ -194,10 +189,11 @@ py::array resizeBox(const Source& s, const ResizeGeometry& g, const QelBox3D& bo
         }
         const std::vector<const T*> src = s.planes<T>();
         const std::vector<T*> dst = outputPlanes<T>(out, box);
-        return ResizeEntry<T>::pv(src.data(), s.whole, static_cast<int>(s.data.strides(1)), srcBox,
-                                  dst.data(), static_cast<int>(out.strides(1)), box, g.scale[0],
-                                  g.scale[1], g.scale[2], g.offset[0], g.offset[1], g.offset[2],
-                                  g.mode, buffer.get());
+        constexpr auto resize =
+            forType<T>(qelrResize_8u_C1PV, qelrResize_16u_C1PV, qelrResize_32f_C1PV);
+        return resize(src.data(), s.whole, static_cast<int>(s.data.strides(1)), srcBox, dst.data(),
+                      static_cast<int>(out.strides(1)), box, g.scale[0], g.scale[1], g.scale[2],
+                      g.offset[0], g.offset[1], g.offset[2], g.mode, buffer.get());
     });
     checkStatus(st, "qelrResize");
     return out;
@@ -249,21 +245,6 @@ py::array resizeBlock(py::handle region, std::array<int64_t, 3> origin,
 // ---------------------------------------------------------------------------
 // Remap
 
-template <class T>
-struct RemapEntry;
-template <>
-struct RemapEntry<uint8_t> {
-    static constexpr auto f = qelrRemap_8u_C1PV;
-};
-template <>
-struct RemapEntry<uint16_t> {
-    static constexpr auto f = qelrRemap_16u_C1PV;
-};
-template <>
-struct RemapEntry<float> {
-    static constexpr auto f = qelrRemap_32f_C1PV;
-};
-
 // The coordinates (3, d, h, w) as float32 with rows contiguous.
 py::array coordinateVolume(py::handle coordinates) {
     py::array c = py::array_t<float, py::array::forcecast>::ensure(coordinates);
@@ -302,10 +283,10 @@ py::array remapImpl(const Source& s, const py::array& c, int mode, double cval) 
             }
         }
         std::vector<T*> dst = outputPlanes<T>(out, {0, 0, 0, 0, 0, dstSize.depth});
-        return RemapEntry<T>::f(src.data(), s.whole, static_cast<int>(s.data.strides(1)),
-                                s.regionBox(), maps[0].data(), maps[1].data(), maps[2].data(),
-                                static_cast<int>(c.strides(2)), dst.data(),
-                                static_cast<int>(out.strides(1)), dstSize, mode);
+        constexpr auto remap = forType<T>(qelrRemap_8u_C1PV, qelrRemap_16u_C1PV, qelrRemap_32f_C1PV);
+        return remap(src.data(), s.whole, static_cast<int>(s.data.strides(1)), s.regionBox(),
+                     maps[0].data(), maps[1].data(), maps[2].data(), static_cast<int>(c.strides(2)),
+                     dst.data(), static_cast<int>(out.strides(1)), dstSize, mode);
     });
     checkStatus(st, "qelrRemap");
     return out;
@@ -338,21 +319,6 @@ py::array remapBlock(py::handle region, std::array<int64_t, 3> origin,
 
 // ---------------------------------------------------------------------------
 // Affine warp
-
-template <class T>
-struct WarpEntry;
-template <>
-struct WarpEntry<uint8_t> {
-    static constexpr auto f = qelrWarpAffine_8u_C1PV;
-};
-template <>
-struct WarpEntry<uint16_t> {
-    static constexpr auto f = qelrWarpAffine_16u_C1PV;
-};
-template <>
-struct WarpEntry<float> {
-    static constexpr auto f = qelrWarpAffine_32f_C1PV;
-};
 
 using Coeffs = std::array<std::array<double, 4>, 3>;
 
@@ -419,9 +385,10 @@ py::array warpImpl(const Source& s, const Coeffs& c, const QelBox3D& box, int mo
     const QelStatus st = withoutGil([&] {
         const std::vector<const T*> src = s.planes<T>();
         const std::vector<T*> dst = outputPlanes<T>(out, box);
-        return WarpEntry<T>::f(src.data(), s.whole, static_cast<int>(s.data.strides(1)),
-                               s.regionBox(), dst.data(), static_cast<int>(out.strides(1)), box,
-                               coeffs, mode);
+        constexpr auto warp =
+            forType<T>(qelrWarpAffine_8u_C1PV, qelrWarpAffine_16u_C1PV, qelrWarpAffine_32f_C1PV);
+        return warp(src.data(), s.whole, static_cast<int>(s.data.strides(1)), s.regionBox(),
+                    dst.data(), static_cast<int>(out.strides(1)), box, coeffs, mode);
     });
     checkStatus(st, "qelrWarpAffine");
     return out;
