@@ -1,5 +1,4 @@
-// Accelerator records, scene box and KD-tree build from fuzzed meshes and
-// parameters, then a traversal of the built tree by fuzzed rays.
+// Accelerator records, scene box and KD-tree build from fuzzed meshes and parameters, then traversals of the tree.
 #include "fuzz_scene.h"
 
 using namespace fuzz;
@@ -47,8 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int nv = in.flag() ? m.nv : in.size(0), nt = in.flag() ? m.nt : in.size(0);
             KDTreeNode* tree = nullptr;
             int treeSize = -1;
-            // Counts larger than the mesh are a caller's error, so a count
-            // that is not the mesh's only goes with a refusal before reading.
+            // Only the mesh's counts or counts below 1 (refused before anything is read) are passed.
             if ((nv > 0 && nv != m.nv) || (nt > 0 && nt != m.nt)) break;
             const QelStatus st = qelrKDTreeBuildAlloc(pick(0, &tree), pick(1, m.vertices), pick(2, m.indices),
                                                       nv, nt, pick(3, &treeSize), pick(4, &params));
@@ -60,10 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             break;
         }
-        default: {  // build, then trace; large meshes reach the nodes of 76 and more
-            // triangles that a team scores and the sort of more than 320 events
-            // (at a small depth limit: overlapping coplanar triangles make deep
-            // trees slow, a known fault of its own)
+        default: {  // build, then trace; large meshes reach the team-scored nodes of 76 and more triangles and
+            // the sort of more than 320 events (at a small depth limit: deep trees of overlapping coplanar triangles
+            // are slow, a known fault of its own)
             const bool large = in.u8() < 16;
             const Mesh m = readMesh(in, a, large ? 96 : 24, large ? 200 : 32);
             Scene s;

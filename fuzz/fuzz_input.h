@@ -1,7 +1,5 @@
-// What every harness shares: reading one call's arguments from the fuzzer's
-// bytes, and buffers allocated at exactly their declared size so that the
-// first byte past the end is outside the allocation (ASan reports any read or
-// write there). Past the end of the input every read gives zeros.
+// What every harness shares: one call's arguments read from the fuzzer's bytes (zeros past the end), and buffers
+// allocated at exactly their declared size, so that ASan reports any access past their end.
 #pragma once
 
 #include <qelr.h>
@@ -31,8 +29,7 @@ public:
     bool flag() { return u8() & 1; }
     // An integer in [lo, hi].
     int range(int lo, int hi) { return lo + int(u8() % unsigned(hi - lo + 1)); }
-    // A count or size: mostly small, sometimes zero or negative (down to
-    // INT32_MIN). Never large: the harness allocates what a count declares.
+    // A count: mostly small, sometimes zero or negative (down to INT32_MIN); never large, as it is allocated.
     int size(int small) {
         const uint8_t s = u8();
         switch (s >> 5) {
@@ -42,8 +39,7 @@ public:
             default: return int(s % unsigned(small + 1));
         }
     }
-    // A float: ordinary values mostly, and NaN, infinities, -0, denormals and
-    // huge values.
+    // A float: ordinary values mostly, and NaN, infinities, -0, denormals and huge values.
     float f32() {
         static const float special[] = {0.0f, -0.0f, 1.0f, -1.0f, 0.5f,
                                         std::numeric_limits<float>::quiet_NaN(),
@@ -67,16 +63,16 @@ public:
         std::memcpy(&d, &bits, 8);
         return d;
     }
-    bool done() const { return p_ >= end_; }
+    // A vector length: a multiple of 4 (the packet paths) or a count.
+    int length() { return flag() ? 4 * range(0, 4) : size(13); }
 
 private:
     const uint8_t* p_;
     const uint8_t* end_;
 };
 
-// Buffers of one call, released together. A buffer of n elements ends at the
-// end of its allocation; `misalign` moves its start 4 bytes off the 16-byte
-// boundary that malloc gives, so both the aligned and the unaligned paths run.
+// Buffers of one call, released together. `misalign` moves a start 4 bytes off the 16-byte boundary that malloc
+// gives, so that both the aligned and the unaligned paths run.
 class Arena {
 public:
     ~Arena() {
@@ -89,40 +85,35 @@ public:
         blocks_.push_back(base);
         return reinterpret_cast<T*>(base + off);
     }
-    // n floats read from the input.
-    float* floats(Input& in, size_t n, bool misalign = false) {
-        float* f = alloc<float>(n, misalign);
-        for (size_t i = 0; i < n; ++i) f[i] = in.f32();
-        return f;
-    }
-    // n ints in [lo, hi], from the input.
-    int* ints(Input& in, size_t n, int lo, int hi) {
-        int* v = alloc<int>(n);
-        for (size_t i = 0; i < n; ++i) v[i] = in.range(lo, hi);
+    // n values from gen().
+    template <class T, class G>
+    T* fill(size_t n, bool misalign, G gen) {
+        T* v = alloc<T>(n, misalign);
+        for (size_t i = 0; i < n; ++i) v[i] = gen();
         return v;
     }
+    float* floats(Input& in, size_t n, bool misalign = false) {
+        return fill<float>(n, misalign, [&] { return in.f32(); });
+    }
     // Three planes of n floats (or a P3 output pack), each allocated exactly.
-    float** planes3(Input& in, size_t n, bool misalign, bool fill = true) {
+    float** planes3(Input& in, size_t n, bool misalign, bool read = true) {
         float** p = alloc<float*>(3);
-        for (int c = 0; c < 3; ++c) p[c] = fill ? floats(in, n, misalign) : alloc<float>(n, misalign);
+        for (int c = 0; c < 3; ++c) p[c] = read ? floats(in, n, misalign) : alloc<float>(n, misalign);
         return p;
     }
     // A mask plane: about one value in four negative.
     int* mask(Input& in, size_t n, int hi, bool misalign = false) {
-        int* v = alloc<int>(n, misalign);
-        for (size_t i = 0; i < n; ++i) {
+        return fill<int>(n, misalign, [&] {
             const uint8_t b = in.u8();
-            v[i] = (b & 3) == 0 ? -1 - int(b >> 7) * INT32_MAX : int(b >> 2) % (hi + 1);
-        }
-        return v;
+            return (b & 3) == 0 ? -1 - int(b >> 7) * INT32_MAX : int(b >> 2) % (hi + 1);
+        });
     }
 
 private:
     std::vector<void*> blocks_;
 };
 
-// Checked pointer arguments, null now and then: when the top bit of the byte
-// read is set, bit b nulls argument b; `any` tells whether one was nulled.
+// Checked pointer arguments, null now and then: with the top bit of its byte set, bit b nulls argument b.
 struct Nulls {
     explicit Nulls(Input& in) : bits(in.u8()) {}
     template <class T>
@@ -137,31 +128,21 @@ struct Nulls {
 
 // A triangle mesh read from the input: nv vertices, nt index groups of four.
 struct Mesh {
-    float* vertices = nullptr;
-    int* indices = nullptr;
-    int nv = 0;
-    int nt = 0;
+    float* vertices;
+    int* indices;
+    int nv, nt;
 };
 
 inline Mesh readMesh(Input& in, Arena& a, int maxVertices, int maxTriangles) {
-    Mesh m;
-    m.nv = in.range(1, maxVertices);
-    m.nt = in.range(0, maxTriangles);
-    m.vertices = a.alloc<float>(3 * size_t(m.nv));
-    // Vertices snap to a coarse grid often, so that coplanar, collinear and
-    // repeated points are frequent.
+    const int nv = in.range(1, maxVertices), nt = in.range(0, maxTriangles);
+    // Vertices snap to a coarse grid often, so that coplanar, collinear and repeated points are frequent.
     const bool grid = in.flag();
-    for (int i = 0; i < 3 * m.nv; ++i) m.vertices[i] = grid ? float(in.range(-2, 2)) : in.f32();
-    m.indices = a.alloc<int>(4 * size_t(m.nt));
-    for (int t = 0; t < m.nt; ++t) {
-        for (int c = 0; c < 3; ++c) m.indices[4 * t + c] = in.range(0, m.nv - 1);
-        m.indices[4 * t + 3] = -1;  // not read
-    }
-    return m;
+    float* v = a.fill<float>(3 * size_t(nv), false, [&] { return grid ? float(in.range(-2, 2)) : in.f32(); });
+    int k = 0;  // the fourth index of a group is not read
+    return {v, a.fill<int>(4 * size_t(nt), false, [&] { return ++k % 4 == 0 ? -1 : in.range(0, nv - 1); }), nv, nt};
 }
 
-// A pointer moved by `bytes` without C++ pointer arithmetic (it may point
-// outside the object: the library adds the offset back).
+// A pointer moved by `bytes` outside its object (the library adds the offset back), without pointer arithmetic.
 template <class T>
 T* movedBy(T* p, int64_t bytes) {
     return reinterpret_cast<T*>(reinterpret_cast<uintptr_t>(p) + static_cast<uintptr_t>(bytes));

@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         case 1: {  // hit points, both forms
             const bool multi = in.flag();
-            const int len = in.flag() ? 4 * in.range(0, 4) : in.size(13);
+            const int len = in.length();
             const size_t n = len > 0 ? size_t(len) : 0;
             float origin[3] = {in.f32(), in.f32(), in.f32()};
             float** origins = a.planes3(in, n, misalign);
@@ -34,12 +34,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             float** points = a.planes3(in, n, misalign, false);
             const float eps = in.f32();
             Nulls pick(in);
-            auto* d = pick(0, dirs);
-            auto* di = pick(1, dist);
-            auto* m = pick(2, mask);
-            auto* p = pick(3, points);
-            const QelStatus st = multi ? qelrHitPoint3DEpsM0_32f_M(pick(4, origins), d, di, m, p, len, eps)
-                                       : qelrHitPoint3DEpsS0_32f_M(origin, d, di, m, p, len, eps);
+            const QelStatus st =
+                multi ? qelrHitPoint3DEpsM0_32f_M(pick(4, origins), pick(0, dirs), pick(1, dist), pick(2, mask),
+                                                  pick(3, points), len, eps)
+                      : qelrHitPoint3DEpsS0_32f_M(origin, pick(0, dirs), pick(1, dist), pick(2, mask),
+                                                  pick(3, points), len, eps);
             if (st != (pick.any ? qelErrNullPointer : qelOk)) abort();
             break;
         }

@@ -1,5 +1,4 @@
-// A scene from a fuzzed mesh (records, box, KD-tree) and one intersection
-// call on it with fuzzed rays; shared by the accel and raycast harnesses.
+// A scene from a fuzzed mesh (records, box, KD-tree) and one intersection call on it with fuzzed rays.
 #pragma once
 
 #include <sanitizer/lsan_interface.h>
@@ -8,13 +7,10 @@
 
 #include "fuzz_input.h"
 
-// The memory service, replaced in the harness executable (the dynamic linker
-// binds libqelr's calls here): blocks of 1 MB and more, such as the KD
-// builder's 16 MB output blocks, are kept for reuse instead of going back to
-// the allocator, because ASan poisons and unpoisons a whole block on every
-// allocation and release, which held a harness to about 100 runs a second.
-// Every block still ends at the end of its allocation.
+// The memory service, replaced here for libqelr: blocks of 1 MB and more (the KD builder's 16 MB output blocks) are
+// kept for reuse, as ASan poisons a whole block on each allocation and release (about 100 runs a second otherwise).
 namespace fuzz {
+
 struct BigBlock {
     void* p;
     int length;
@@ -22,30 +18,28 @@ struct BigBlock {
 };
 inline std::mutex bigMutex;
 inline std::vector<BigBlock> bigBlocks;
-}  // namespace fuzz
 
 extern "C" void* qelMalloc(int length) {
     if (length <= 0) return nullptr;
     const bool big = length >= (1 << 20);
-    std::lock_guard<std::mutex> lock(fuzz::bigMutex);
-    if (big)
-        for (auto& b : fuzz::bigBlocks)
-            if (!b.inUse && b.length == length) {
-                b.inUse = true;
-                return b.p;
-            }
+    std::lock_guard<std::mutex> lock(bigMutex);
+    for (auto& b : bigBlocks)
+        if (!b.inUse && b.length == length) {
+            b.inUse = true;
+            return b.p;
+        }
     void* p = nullptr;
     if (posix_memalign(&p, 64, size_t(length)) != 0) return nullptr;
     if (big) {
-        fuzz::bigBlocks.push_back({p, length, true});
+        bigBlocks.push_back({p, length, true});
         __lsan_ignore_object(p);  // kept on purpose, not a leak of the library
     }
     return p;
 }
 
 extern "C" void qelFree(void* p) {
-    std::lock_guard<std::mutex> lock(fuzz::bigMutex);
-    for (auto& b : fuzz::bigBlocks)
+    std::lock_guard<std::mutex> lock(bigMutex);
+    for (auto& b : bigBlocks)
         if (b.p == p) {
             b.inUse = false;
             return;
@@ -53,16 +47,13 @@ extern "C" void qelFree(void* p) {
     std::free(p);
 }
 
-namespace fuzz {
-
 struct Scene {
     QelTraceScene ctx{};
     KDTreeNode* tree = nullptr;
     ~Scene() { qelrKDTreeFree(tree); }
 };
 
-// Records and box of the mesh, then a tree with fuzzed build parameters.
-// Returns false when the build fails (the status is checked against the rules).
+// Records and box of the mesh, then a tree with fuzzed build parameters; false when the build is refused.
 inline bool buildScene(Input& in, Arena& a, const Mesh& m, Scene& s, int maxDepth = 52) {
     auto* accel = a.alloc<TriangleAccel>(size_t(m.nt));
     if (qelrTriangleAccelInit(accel, m.vertices, m.indices, m.nt) != qelOk) abort();
@@ -74,8 +65,7 @@ inline bool buildScene(Input& in, Arena& a, const Mesh& m, Scene& s, int maxDept
     params.quality = in.flag() ? float(in.range(0, 4)) / 4.0f : in.f32();
     params.memoryBudgetMb = uint32_t(in.range(30, 40));
     int treeSize = -1;
-    const QelStatus st = qelrKDTreeBuildAlloc(&s.tree, m.vertices, m.indices, m.nv, m.nt, &treeSize,
-                                              &params);
+    const QelStatus st = qelrKDTreeBuildAlloc(&s.tree, m.vertices, m.indices, m.nv, m.nt, &treeSize, &params);
     if (st != qelOk) {
         // A refused build leaves the outputs alone and gives a documented status.
         if (s.tree != nullptr || treeSize != -1) abort();
@@ -99,14 +89,10 @@ inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
     const size_t nl = n * size_t(layers > 0 ? layers : 0);
     float origin[3] = {in.f32(), in.f32(), in.f32()};
     float** dirs = a.planes3(in, n, misalign);
-    float* dist = a.alloc<float>(nl, misalign);
     const bool far = in.flag();
-    for (size_t i = 0; i < nl; ++i) dist[i] = far ? FLT_MAX : in.f32();
-    float** uv = a.alloc<float*>(2);
-    uv[0] = a.alloc<float>(nl, misalign);
-    uv[1] = a.alloc<float>(nl, misalign);
-    int* index = a.alloc<int>(nl, misalign);
-    for (size_t i = 0; i < nl; ++i) index[i] = -1;
+    float* dist = a.fill<float>(nl, misalign, [&] { return far ? FLT_MAX : in.f32(); });
+    float* uv[2] = {a.alloc<float>(nl, misalign), a.alloc<float>(nl, misalign)};
+    int* index = a.fill<int>(nl, misalign, [] { return -1; });
     const QelSize2D size{w, h};
     QelStatus st = qelOk;
     switch (fn) {

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (st != (chk.any ? qelErrNullPointer : qelOk)) abort();
         return 0;
     }
-    const int len = in.flag() ? 4 * in.range(0, 4) : in.size(13);
+    const int len = in.length();
     const size_t n = len > 0 ? size_t(len) : 0;
     const int nt = in.range(1, 6);
     int* mask = a.mask(in, n, nt - 1, misalign);
@@ -31,15 +31,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     float triple[3] = {in.f32(), in.f32(), in.f32()};
     QelStatus st = qelOk;
     switch (fn) {
-        case 1: {
-            float* tn = a.floats(in, 3 * size_t(nt));
-            st = qelrSurfFlatNormal_32f(chk(0, tn), chk(1, mask), out, len);
+        case 1:
+            st = qelrSurfFlatNormal_32f(chk(0, a.floats(in, 3 * size_t(nt))), chk(1, mask), out, len);
             break;
-        }
         case 2: {
             const int g = in.range(3, 5), nv = in.range(1, 6);
             float* vn = a.floats(in, 3 * size_t(nv));
-            int* ti = a.ints(in, size_t(g) * nt, 0, nv - 1);
+            int* ti = a.fill<int>(size_t(g) * nt, false, [&] { return in.range(0, nv - 1); });
             float* uv[2] = {s1, s2};
             st = qelrSurfSmoothNormal_32f(chk(0, vn), chk(1, ti), chk(2, mask), chk(3, uv), chk(4, out), len, g);
             break;
@@ -54,11 +52,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 7: st = qelrCastReflectionRay_32f(chk(0, A), chk(1, mask), chk(2, B), chk(3, out), len); break;
         case 8: st = qelrMul_32f_C1IM(s1, mask, s2, len); break;
         case 9: st = qelrMul_32f_C1P3IM(chk(0, s1), chk(1, mask), chk(2, out), len); break;
-        case 10: {
+        case 10:
             st = qelrDiv_32f_C1IM(chk(0, s1), mask, chk(1, s2), len);
             if (st == qelWarnDivisionByZero) st = qelOk;
             break;
-        }
         default:
             st = qelrAddMulMul_32f_AC1P3IM(triple, chk(0, s1), chk(1, A), chk(2, mask), chk(3, out), len);
             break;

@@ -1,21 +1,16 @@
-// Volume resize (both layouts), remap, affine warp and filter, with the
-// resize cuboid and the buffer-size queries. Destination buffers hold only
-// the destination box (plane pointers are moved so that the box's absolute
-// coordinates land on them), so any write outside the box leaves the
-// allocation.
+// Volume resize (both layouts), remap, affine warp and filter, with the resize cuboid and the buffer-size queries.
+// Destination buffers hold only the destination box (pointers moved so that its absolute coordinates land on them),
+// so any write outside the box leaves the allocation.
+#include <algorithm>
+
 #include "fuzz_input.h"
 
 using namespace fuzz;
 
 namespace {
 
-bool wellFormed(const QelBox3D& b) {
-    return b.x >= 0 && b.y >= 0 && b.z >= 0 && b.width > 0 && b.height > 0 && b.depth > 0;
-}
-
-// An extent: small, now and then 16 or more (the parallel paths), zero or
-// negative. (Positions, not extents, go to the 32-bit edge: an extent there
-// would ask for more memory than a harness should take.)
+// An extent: small, now and then 16 or more (the parallel paths), zero or negative. Only positions go to the
+// 32-bit edge: an extent there would ask for too much memory.
 int extent(Input& in, bool big) {
     const uint8_t s = in.u8();
     if (s < 8) return in.range(-2, 0);
@@ -40,8 +35,7 @@ QelBox3D whole(const QelVolumeSize& v) {
     return {0, 0, 0, ok ? v.width : 1, ok ? v.height : 1, ok ? v.depth : 1};
 }
 
-// The export of element type T among the 8u, 16u and 32f forms; and a call
-// of f with a value of the element type numbered t.
+// The export of element type T among the 8u, 16u and 32f forms; f called with a value of element type number t.
 template <class T, class F8, class F16, class F32>
 auto byType(F8 f8, F16 f16, F32 f32) {
     if constexpr (sizeof(T) == 1) return f8;
@@ -53,30 +47,24 @@ QelStatus forType(int t, F f) {
     return t == 0 ? f(uint8_t{}) : t == 1 ? f(uint16_t{}) : f(float{});
 }
 
-// A volume of element size es covering `b` (or, when b is not well formed, one
-// element): plane pointers addressed by absolute coordinates, one row step.
+// A volume of element size es covering `b` (one element when b is not well formed), addressed by absolute coordinates.
 struct Vol {
     std::vector<uint8_t*> planes;
     uint8_t** pv = nullptr;  // planes, moved so that pv[z] is plane z of the box
     uint8_t* base = nullptr; // contiguous layout: element (0, 0, 0)
     int rowStep = 1, sliceStep = 1;
     Vol(Input& in, Arena& a, const QelBox3D& b, int es, bool contiguous) {
-        const bool ok = wellFormed(b);
+        const bool ok = b.x >= 0 && b.y >= 0 && b.z >= 0 && b.width > 0 && b.height > 0 && b.depth > 0;
         const int w = ok ? b.width : 1, h = ok ? b.height : 1, d = ok ? b.depth : 1;
         rowStep = (w + in.range(0, 1) * in.range(1, 3)) * es;
         const size_t plane = size_t(h - 1) * rowStep + size_t(w) * es;
         const int64_t shift = ok ? -(int64_t{b.x} * es + int64_t{b.y} * rowStep) : 0;
+        auto bytes = [&](size_t n) { return a.fill<uint8_t>(n, false, [&] { return in.u8(); }); };
         if (contiguous) {
             sliceStep = int(h * rowStep + in.range(0, 1) * es);
-            uint8_t* p = a.alloc<uint8_t>(size_t(d - 1) * sliceStep + plane);
-            for (size_t i = 0; i < size_t(d - 1) * sliceStep + plane; ++i) p[i] = in.u8();
-            base = movedBy(p, shift - (ok ? int64_t{b.z} * sliceStep : 0));
+            base = movedBy(bytes(size_t(d - 1) * sliceStep + plane), shift - (ok ? int64_t{b.z} * sliceStep : 0));
         } else {
-            for (int k = 0; k < d; ++k) {
-                uint8_t* p = a.alloc<uint8_t>(plane);
-                for (size_t i = 0; i < plane; ++i) p[i] = in.u8();
-                planes.push_back(movedBy(p, shift));
-            }
+            for (int k = 0; k < d; ++k) planes.push_back(movedBy(bytes(plane), shift));
             pv = movedBy(planes.data(), ok ? -int64_t{b.z} * 8 : 0);
         }
     }
@@ -109,8 +97,7 @@ QelStatus remapOrWarp(Input& in, Arena& a, bool warp, bool big) {
     const QelBox3D sb = box(in, ss, big);
     const int mode = in.range(0, 8);
     Vol src(in, a, whole(ss), sizeof(T), false);
-    // Steps below 1 are refused by the single-plane remap; elsewhere they are
-    // the caller's to get right.
+    // Steps below 1 are refused by the single-plane remap; elsewhere they are the caller's to get right.
     const bool badStep = !warp && ss.depth == 1 && in.u8() < 16;
     const int srcStep = badStep ? in.range(-2, 0) : src.rowStep;
     if (warp) {
@@ -129,16 +116,10 @@ QelStatus remapOrWarp(Input& in, Arena& a, bool warp, bool big) {
     Vol dst(in, a, dwhole, sizeof(T), false);
     const int mapStep = dwhole.width * 4;
     const float scale = float(in.range(1, 8));
+    const size_t n = size_t(dwhole.width) * dwhole.height;
+    auto plane = [&] { return a.fill<float>(n, false, [&] { return in.f32() * scale; }); };
     const float* const* maps[3];
-    for (int m = 0; m < 3; ++m) {
-        float** planes = a.alloc<float*>(size_t(dwhole.depth));
-        for (int k = 0; k < dwhole.depth; ++k) {
-            const size_t n = size_t(dwhole.width) * dwhole.height;
-            planes[k] = a.alloc<float>(n);
-            for (size_t i = 0; i < n; ++i) planes[k][i] = in.f32() * scale;
-        }
-        maps[m] = planes;
-    }
+    for (auto& m : maps) m = a.fill<float*>(size_t(dwhole.depth), false, plane);
     return byType<T>(qelrRemap_8u_C1PV, qelrRemap_16u_C1PV, qelrRemap_32f_C1PV)(reinterpret_cast<const T* const*>(src.pv), ss, srcStep, sb, maps[0], maps[1], maps[2],
               badStep && in.flag() ? 0 : mapStep, reinterpret_cast<T* const*>(dst.pv), dst.rowStep, dv, mode);
 }
@@ -164,8 +145,7 @@ QelStatus filter(Input& in, Arena& a, bool big) {
     for (uint8_t*& p : src.planes) p = movedBy(p, -(int64_t{lo[0]} * 2 + int64_t{lo[1]} * src.rowStep));
     Vol dst(in, a, {0, 0, 0, roi.width, roi.height, roi.depth}, 2, false);
     const size_t kn = size_t(ks.width) * ks.height * ks.depth;
-    int32_t* kernel = a.alloc<int32_t>(kn);
-    for (size_t i = 0; i < kn; ++i) kernel[i] = in.u8() < 240 ? in.range(-8, 8) : int32_t(in.u32());
+    int32_t* kernel = a.fill<int32_t>(kn, false, [&] { return in.u8() < 240 ? in.range(-8, 8) : int32_t(in.u32()); });
     return qelrFilter_16s_C1PV(reinterpret_cast<const int16_t* const*>(movedBy(src.planes.data(), -int64_t{lo[2]} * 8)),
                                src.rowStep, reinterpret_cast<int16_t* const*>(dst.pv), dst.rowStep, roi, kernel, ks,
                                an, divisor, work);
@@ -196,18 +176,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (st == qelOk && bytes < 0) abort();
             break;
         }
-        case 1: case 2: case 3: case 4: case 5: case 6:  // resize, contiguous then planar
-            st = forType((fn - 1) % 3, [&](auto e) { return resize<decltype(e)>(in, a, fn <= 3, big); });
-            break;
-        case 7: case 8: case 9: case 10: case 11: case 12:  // remap, then warp
-            st = forType((fn - 7) % 3, [&](auto e) { return remapOrWarp<decltype(e)>(in, a, fn >= 10, big); });
-            break;
-        default: st = filter(in, a, big); break;
+        case 13: case 14: case 15: st = filter(in, a, big); break;
+        default:  // resize contiguous then planar, remap, then warp; each for 8u, 16u and 32f
+            st = forType((fn - 1) % 3, [&](auto e) {
+                using T = decltype(e);
+                return fn <= 6 ? resize<T>(in, a, fn <= 3, big) : remapOrWarp<T>(in, a, fn >= 10, big);
+            });
     }
     // Only documented statuses.
     static const int known[] = {0, 1, 29, 40, -4, -6, -8, -14, -22, -23, -53, -56};
-    bool found = false;
-    for (int k : known) found |= st == k;
-    if (!found) abort();
+    if (std::find(std::begin(known), std::end(known), st) == std::end(known)) abort();
     return 0;
 }
