@@ -11,11 +11,6 @@ import qelr
 RNG = np.random.default_rng(11)
 
 
-def unit_directions(n):
-    d = RNG.normal(size=(n, 3))
-    return (d / np.linalg.norm(d, axis=1, keepdims=True)).astype(np.float32)
-
-
 def real_sh(d, order):
     """Y_l^m in float64: N P_l^|m|(z) (SciPy's P carries the Condon-Shortley phase), times sqrt(2) cos(m phi)
     for m > 0 and sqrt(2) sin(|m| phi) for m < 0, at index l*l + l + m."""
@@ -33,7 +28,8 @@ def real_sh(d, order):
 @pytest.mark.parametrize("order", [0, 3, 15])
 def test_sh_against_float64(method, order):
     n, K = 29, (order + 1) ** 2
-    d = unit_directions(n)
+    d = RNG.normal(size=(n, 3))
+    d = (d / np.linalg.norm(d, axis=1, keepdims=True)).astype(np.float32)
     basis = qelr.sh.basis(d, order, method=method)
     exact = real_sh(d, order)
     np.testing.assert_allclose(basis, exact, rtol=0, atol=1e-5)
