@@ -94,6 +94,7 @@ inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
     float* uv[2] = {a.alloc<float>(nl, misalign), a.alloc<float>(nl, misalign)};
     int* index = a.fill<int>(nl, misalign, [] { return -1; });
     const QelSize2D size{w, h};
+    const QelLayeredSize ls{w, h, layers};
     QelStatus st = qelOk;
     switch (fn) {
         case 0:
@@ -109,11 +110,9 @@ inline void traceRays(Input& in, Arena& a, const Scene& s, int triangleCount) {
                 if (index[i] >= 0 && mask[i] != -1) abort();
             break;
         }
-        case 3: {
-            const QelLayeredSize ls{w, h, layers};
+        case 3:
             st = qelrIntersectMultipleSO_32f(origin, dirs, dist, uv, index, &ls, &s.ctx);
             break;
-        }
     }
     if (st != qelOk) abort();
     // Every reported hit names a triangle of the scene.
