@@ -1,5 +1,4 @@
-// Spherical harmonics: state size and initialisation, basis and band
-// evaluation, the forward and inverse transforms.
+// Spherical harmonics: state size and initialisation, basis and band evaluation, forward and inverse transforms.
 #include "fuzz_input.h"
 
 using namespace fuzz;
@@ -31,7 +30,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     float* z = a.floats(in, nn, misalign);
     const size_t K = order <= 20 ? size_t(order + 1) * (order + 1) : 0;  // coefficients per direction
     QelStatus st;
-    auto coeffs = [&](bool fill) { return fill ? a.floats(in, K) : a.alloc<float>(K); };
     auto three = [&](size_t m, bool fill) {
         float** p = a.alloc<float*>(3);
         for (int c = 0; c < 3; ++c) p[c] = chk(3 + c, fill ? a.floats(in, m) : a.alloc<float>(m));
@@ -44,10 +42,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             st = qelrSHBand_32f(chk(0, x), chk(1, y), chk(2, z), n, chk(3, a.alloc<float>(nn * band)), order);
             break;
         }
-        case 4: st = qelrSHTFwd_32f_C1I(chk(0, x), chk(1, y), chk(2, z), chk(4, a.floats(in, nn)), n, chk(5, coeffs(true)), order, chk(6, engine)); break;
+        case 4: st = qelrSHTFwd_32f_C1I(chk(0, x), chk(1, y), chk(2, z), chk(4, a.floats(in, nn)), n, chk(5, a.floats(in, K)), order, chk(6, engine)); break;
         case 5: st = qelrSHTFwd_32f_C3P3I(chk(0, x), chk(1, y), chk(2, z), chk(6, a.floats(in, 3 * nn)), n, three(K, true), order, engine); break;
         case 6: st = qelrSHTFwd_32f_P3I(chk(0, x), chk(1, y), chk(2, z), three(nn, true), n, three(K, true), order, engine); break;
-        case 7: st = qelrSHTInv_32f_C1(chk(4, coeffs(true)), order, chk(0, x), chk(1, y), chk(2, z), chk(5, a.alloc<float>(nn)), n, chk(6, engine)); break;
+        case 7: st = qelrSHTInv_32f_C1(chk(4, a.floats(in, K)), order, chk(0, x), chk(1, y), chk(2, z), chk(5, a.alloc<float>(nn)), n, chk(6, engine)); break;
         case 8: st = qelrSHTInv_32f_P3(three(K, true), order, chk(0, x), chk(1, y), chk(2, z), three(nn, false), n, engine); break;
         default: st = qelrSHTInv_32f_P3C3(three(K, true), order, chk(0, x), chk(1, y), chk(2, z), chk(6, a.alloc<float>(3 * nn)), n, engine); break;
     }
