@@ -4,13 +4,13 @@
 
 #include <qelr.h>
 
+#include <bit>
 #include <cfloat>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -48,20 +48,14 @@ public:
         const uint8_t s = u8();
         if (s < 160) return float(int(s) - 80) / 16.0f;  // -5 .. 5 in steps of 1/16
         if (s < 224) return special[s & 15];
-        uint32_t bits = u32();
-        float f;
-        std::memcpy(&f, &bits, 4);
-        return f;
+        return std::bit_cast<float>(u32());
     }
     double f64() {
         const uint8_t s = u8();
         if (s < 64) return double(int(s) - 16) / 8.0;
         if (s < 128) return double(f32());
         if (s < 192) return double(int(s) - 150) / 4.0 + 0.5;
-        uint64_t bits = uint64_t(u32()) | (uint64_t(u32()) << 32);
-        double d;
-        std::memcpy(&d, &bits, 8);
-        return d;
+        return std::bit_cast<double>(uint64_t(u32()) | (uint64_t(u32()) << 32));
     }
     // A vector length: a multiple of 4 (the packet paths) or a count.
     int length() { return flag() ? 4 * range(0, 4) : size(13); }
