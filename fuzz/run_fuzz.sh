@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# run_fuzz.sh HARNESS SEED_DIR WORK_DIR SECONDS
-# Runs the seeds, then new inputs for SECONDS on one core. New corpus entries
-# go to WORK_DIR (the committed seeds are never changed); a crash leaves its
-# input in WORK_DIR and the exit status fails the test.
+# run_fuzz.sh HARNESS SEED_DIR WORK_DIR SECONDS: the seeds, then new inputs for SECONDS on one core. New corpus
+# entries and a crash's input go to WORK_DIR (the seeds are never changed); a crash fails the test.
 set -euo pipefail
 harness=$1 seeds=$2 work=$3 seconds=$4
 mkdir -p "$work/corpus"

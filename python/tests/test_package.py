@@ -37,22 +37,10 @@ def test_same_bits_for_any_team_size():
 def test_gil_released():
     """While one thread is inside long library calls, another runs Python."""
     v = np.random.default_rng(1).integers(-100, 100, (96, 96, 96)).astype(np.int16)
-    kernel = np.ones((9, 9, 9), int)
-    inside = threading.Event()
-    done = threading.Event()
-
-    def work():
-        inside.set()
-        for _ in range(3):
-            qelr.convolve(v, kernel)
-        done.set()
-
-    worker = threading.Thread(target=work)
+    worker = threading.Thread(target=lambda: [qelr.convolve(v, np.ones((9, 9, 9), int)) for _ in range(3)])
     worker.start()
-    inside.wait()
     ticks = 0
-    while not done.is_set():
+    while worker.is_alive():
         ticks += 1
         time.sleep(0)
-    worker.join()
     assert ticks > 100  # with the GIL held the loop would stall for the whole calls
