@@ -168,7 +168,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             QelBox3D out{};
             int bytes = 0;
             switch (in.range(0, 3)) {
-                case 0: st = qelrGetResizeCuboid(s, &out, in.f64(), in.f64(), in.f64(), in.f64(), in.f64(), in.f64(), mode); break;
+                case 0: {  // factors and shifts read in argument order, whatever the compiler
+                    double f[6];
+                    for (double& x : f) x = in.f64();
+                    st = qelrGetResizeCuboid(s, &out, f[0], f[1], f[2], f[3], f[4], f[5], mode);
+                    break;
+                }
                 case 1: st = qelrResizeGetBufSize(s, d, ch, mode, &bytes); break;
                 case 2: st = qelrWarpAffineGetBufSize(s, d, ch, mode, &bytes); break;
                 default: st = qelrFilterGetBufSize({s.x, s.y, s.z}, {d.x, d.y, d.z}, ch, &bytes); break;
