@@ -154,7 +154,9 @@ struct Row {
 };
 #define R(want, ...) {want, #__VA_ARGS__, [](int) -> QelStatus { return __VA_ARGS__; }, 1}
 #define RT(n, want, ...) {want, #__VA_ARGS__, [](int t) -> QelStatus { return __VA_ARGS__; }, n}
-#define RN RT  // n runs, Z(k, p) null in run k: each pointer argument in turn
+// n runs, Z(k, p) null in run k: each pointer argument in turn, with a length of 0 or below (nothing to do), so
+// the row also pins that pointers are checked before the length.
+#define RN RT
 
 const Row kRows[] = {
     // --- accelerator records, scene box, KD-tree ------------------------------
@@ -204,56 +206,46 @@ const Row kRows[] = {
     R(qelOk, qelrIntersectAnySO_32f(N, N, N, N, {INT_MAX, -1}, N)),
     R(qelOk, [] { QelLayeredSize s{4, 0, 2}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
     R(qelOk, [] { QelLayeredSize s{4, -1, 1}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
-    RN(4, qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, Z(0, I3), Z(1, F), Z(2, M), Z(3, O3), 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, I3, F, M, N, 0, 1)),      // null before length
+    RN(4, qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, Z(0, I3), Z(1, F), Z(2, M), Z(3, O3), 0, 1)),
     R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3, 0, kNaN)),
     R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3m, -4, 1)),
-    RN(5, qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(Z(0, I3), Z(1, I3), Z(2, F), Z(3, M), Z(4, O3), 4, 1)),
-    R(qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(N, I3, F, M, O3, -1, 1)),
+    RN(5, qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(Z(0, I3), Z(1, I3), Z(2, F), Z(3, M), Z(4, O3), -1, 1)),
     R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3, 0, kInf)),
     R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3m, INT_MIN, 1)),
 
     // --- normals and shading operations -------------------------------------
-    RN(3, qelErrNullPointer, qelrTriangleNormal_32f(Z(0, F), Z(1, M), Z(2, Of), 1)),
-    R(qelErrNullPointer, qelrTriangleNormal_32f(F, M, N, -1)),
+    RN(3, qelErrNullPointer, qelrTriangleNormal_32f(Z(0, F), Z(1, M), Z(2, Of), -1)),
     R(qelOk, qelrTriangleNormal_32f(F, M, Of, 0)),
     R(qelOk, qelrTriangleNormal_32f(F, M, Of, INT_MIN)),
-    RN(2, qelErrNullPointer, qelrSurfFlatNormal_32f(Z(0, F), Z(1, M), O3, 4)),
-    R(qelErrNullPointer, qelrSurfFlatNormal_32f(F, N, O3, 0)),
+    RN(2, qelErrNullPointer, qelrSurfFlatNormal_32f(Z(0, F), Z(1, M), O3, 0)),
     R(qelOk, qelrSurfFlatNormal_32f(F, M, N, 0)),                                // output pack not checked
     R(qelOk, qelrSurfFlatNormal_32f(F, M, O3m, -4)),
-    RN(5, qelErrNullPointer, qelrSurfSmoothNormal_32f(Z(0, F), Z(1, M), Z(2, M), Z(3, I2), Z(4, O3), 4, 4)),
-    R(qelErrNullPointer, qelrSurfSmoothNormal_32f(F, M, M, I2, N, -1, 4)),
+    RN(5, qelErrNullPointer, qelrSurfSmoothNormal_32f(Z(0, F), Z(1, M), Z(2, M), Z(3, I2), Z(4, O3), -1, 4)),
     R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3, 0, 4)),
     R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3m, -8, INT_MIN)),
-    RN(4, qelErrNullPointer, qelrDot_32f_P3C1M(Z(0, I3), Z(1, I3), Z(2, M), Z(3, Of), 4)),
-    R(qelErrNullPointer, qelrDot_32f_P3C1M(I3, I3, M, N, 0)),
+    RN(4, qelErrNullPointer, qelrDot_32f_P3C1M(Z(0, I3), Z(1, I3), Z(2, M), Z(3, Of), 0)),
     R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of, 0)),
     R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of + 1, -4)),
-    RN(4, qelErrNullPointer, qelrDotChangeNorm_32f_IM(Z(0, I3), Z(1, M), Z(2, O3), Z(3, Of), 4)),
+    RN(4, qelErrNullPointer, qelrDotChangeNorm_32f_IM(Z(0, I3), Z(1, M), Z(2, O3), Z(3, Of), 0)),
     R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3m, Of, 0)),
     R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3, Of, -1)),
-    RN(3, qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, Z(0, I3), Z(1, M), Z(2, Of), 4)),
+    RN(3, qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, Z(0, I3), Z(1, M), Z(2, Of), 0)),
     R(qelOk, qelrDistAttenuationSO_32f_M(N, I3, M, Of, 0)),                      // light not checked
     R(qelOk, qelrDistAttenuationSO_32f_M(L3, I3, M, Of + 1, -4)),
-    RN(6, qelErrNullPointer, qelrCastShadowSO_32f(L3, Z(0, F), Z(1, I3), Z(2, I3), Z(3, Oi), Z(4, Of), Z(5, O3), 4)),
-    R(qelErrNullPointer, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, N, 0)),
+    RN(6, qelErrNullPointer, qelrCastShadowSO_32f(L3, Z(0, F), Z(1, I3), Z(2, I3), Z(3, Oi), Z(4, Of), Z(5, O3), 0)),
     R(qelOk, qelrCastShadowSO_32f(N, F, I3, I3, Oi, Of, O3, 0)),
     R(qelOk, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, O3m, -4)),
-    RN(4, qelErrNullPointer, qelrCastReflectionRay_32f(Z(0, I3), Z(1, M), Z(2, I3), Z(3, O3), 4)),
+    RN(4, qelErrNullPointer, qelrCastReflectionRay_32f(Z(0, I3), Z(1, M), Z(2, I3), Z(3, O3), 0)),
     R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3, 0)),
     R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3m, -8)),
     R(qelOk, qelrMul_32f_C1IM(N, N, N, 0)),                                      // no checks; length first
     R(qelOk, qelrMul_32f_C1IM(F, M, Of, -4)),
-    RN(3, qelErrNullPointer, qelrMul_32f_C1P3IM(Z(0, F), Z(1, M), Z(2, O3), 4)),
-    R(qelErrNullPointer, qelrMul_32f_C1P3IM(F, M, N, 0)),
+    RN(3, qelErrNullPointer, qelrMul_32f_C1P3IM(Z(0, F), Z(1, M), Z(2, O3), 0)),
     R(qelOk, qelrMul_32f_C1P3IM(F, M, O3m, -4)),
-    RN(2, qelErrNullPointer, qelrDiv_32f_C1IM(Z(0, F), M, Z(1, Of), 4)),
-    R(qelErrNullPointer, qelrDiv_32f_C1IM(N, N, Of, 0)),
+    RN(2, qelErrNullPointer, qelrDiv_32f_C1IM(Z(0, F), M, Z(1, Of), 0)),
     R(qelOk, qelrDiv_32f_C1IM(F, N, Of, 0)),                                     // mask not checked
     R(qelOk, qelrDiv_32f_C1IM(F, M, Of + 1, INT_MIN)),
-    RN(4, qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, Z(0, F), Z(1, I3), Z(2, M), Z(3, O3), 4)),
-    R(qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, N, 0)),
+    RN(4, qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, Z(0, F), Z(1, I3), Z(2, M), Z(3, O3), 0)),
     R(qelOk, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, O3, 0)),                     // colour not checked
     R(qelOk, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, M, O3m, -4)),
 
@@ -269,8 +261,7 @@ const Row kRows[] = {
     R(qelErrSize, qelrSHInit_32f((QelSHEngine*)Ov, 16, qelSHDirect)),
     R(qelErrBadArgument, qelrSHInit_32f((QelSHEngine*)Ov, 2, 2)),
     R(qelErrBadArgument, qelrSHInit_32f((QelSHEngine*)Ov, 2, 0x80000000u)),
-    RN(5, qelErrNullPointer, qelrSH_32f(Z(0, F), Z(1, F), Z(2, F), 1, Z(3, Of), 1, Z(4, E))),
-    R(qelErrNullPointer, qelrSH_32f(F, F, F, 0, Of, 1, N)),
+    RN(5, qelErrNullPointer, qelrSH_32f(Z(0, F), Z(1, F), Z(2, F), 0, Z(3, Of), 1, Z(4, E))),
     R(qelErrSize, qelrSH_32f(F, F, F, 0, Of, UINT32_MAX, E)),                      // count before order
     R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 3, E)),                        // above the state's order
     R(qelErrBadArgument, qelrSH_32f(F, F, F, -1, Of, 3, E)),
@@ -286,36 +277,35 @@ const Row kRows[] = {
     R(qelOk, qelrSHBand_32f(F, F, F, -1, Of, 15)),
     // Transforms: every pointer and each plane of a P3 argument, then the
     // count, then the order; a count below 0 does nothing.
-    RN(5, qelErrNullPointer, qelrSHTFwd_32f_C1I(Z(0, F), Z(1, F), Z(2, F), Z(3, F), 1, Z(4, Of), 1, E)),
-    R(qelErrNullPointer, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 1, N)),
+    RN(5, qelErrNullPointer, qelrSHTFwd_32f_C1I(Z(0, F), Z(1, F), Z(2, F), Z(3, F), 0, Z(4, Of), 1, E)),
     R(qelErrSize, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 9, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 3, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 16, E20)),
     R(qelOk, qelrSHTFwd_32f_C1I(F, F, F, F, -1, Of, 1, E)),
-    RN(4, qelErrNullPointer, qelrSHTFwd_32f_C3P3I(Z(0, F), F, F, Z(1, F), 1, Z(2, O3), 1, Z(3, E))),
+    RN(4, qelErrNullPointer, qelrSHTFwd_32f_C3P3I(Z(0, F), F, F, Z(1, F), -1, Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, -1, O3n, 1, E)),         // a null plane, even with n < 0
     R(qelErrSize, qelrSHTFwd_32f_C3P3I(F, F, F, F, 0, O3, 1, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C3P3I(F, F, F, F, 2, O3, 3, E)),
     R(qelOk, qelrSHTFwd_32f_C3P3I(F, F, F, F, INT_MIN, O3, 1, E)),
-    RN(4, qelErrNullPointer, qelrSHTFwd_32f_P3I(F, Z(0, F), F, Z(1, I3), 1, Z(2, O3), 1, Z(3, E))),
+    RN(4, qelErrNullPointer, qelrSHTFwd_32f_P3I(F, Z(0, F), F, Z(1, I3), -1, Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3n, 1, O3, 1, E)),
     R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, -1, O3n, 1, E)),
     R(qelErrSize, qelrSHTFwd_32f_P3I(F, F, F, I3, 0, O3, 1, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, O3, 3, E)),
     R(qelOk, qelrSHTFwd_32f_P3I(F, F, F, I3, -5, O3, 1, E)),
-    RN(4, qelErrNullPointer, qelrSHTInv_32f_C1(Z(0, F), 1, Z(1, F), F, F, Z(2, Of), 1, Z(3, E))),
+    RN(4, qelErrNullPointer, qelrSHTInv_32f_C1(Z(0, F), 1, Z(1, F), F, F, Z(2, Of), 0, Z(3, E))),
     R(qelErrSize, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 3, F, F, F, Of, 1, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 17, F, F, F, Of, 1, E20)),
     R(qelOk, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, -1, E)),
     R(qelErrNullPointer, qelrSHTInv_32f_P3(I3n, 1, F, F, F, O3, 1, E)),
-    RN(4, qelErrNullPointer, qelrSHTInv_32f_P3(Z(0, I3), 1, F, F, Z(1, F), Z(2, O3), 1, Z(3, E))),
+    RN(4, qelErrNullPointer, qelrSHTInv_32f_P3(Z(0, I3), 1, F, F, Z(1, F), Z(2, O3), -1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3n, -1, E)),
     R(qelErrSize, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_P3(I3, 3, F, F, F, O3, 1, E)),
     R(qelOk, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, -1, E)),
     R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3n, 1, F, F, F, Of, -1, E)),
-    RN(4, qelErrNullPointer, qelrSHTInv_32f_P3C3(Z(0, I3), 1, Z(1, F), F, F, Z(2, Of), 1, Z(3, E))),
+    RN(4, qelErrNullPointer, qelrSHTInv_32f_P3C3(Z(0, I3), 1, Z(1, F), F, F, Z(2, Of), -1, Z(3, E))),
     R(qelErrSize, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_P3C3(I3, 3, F, F, F, Of, 1, E)),
     R(qelOk, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, -1, E)),
