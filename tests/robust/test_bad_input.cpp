@@ -70,6 +70,8 @@ QelVolumeSize vol(int i, int v) {
 }
 // Run k of a row over every field: starts -1 and extents 0, then each field INT_MIN (a size: extents 0, INT_MIN).
 constexpr int kBadBoxes = 12, kBadVols = 6;
+// Lengths that leave nothing to do: run t of RT(2, ...) takes the negative ones, of RT(3, ...) also 0.
+constexpr int kEmpty[] = {-4, INT_MIN, 0};
 QelBox3D badBox(int k) { return box(k % 6, k >= 6 ? INT_MIN : k < 3 ? -1 : 0); }
 QelVolumeSize badVol(int k) { return vol(k % 3, k >= 3 ? INT_MIN : 0); }
 
@@ -162,9 +164,7 @@ const Row kRows[] = {
     // --- accelerator records, scene box, KD-tree ------------------------------
     R(qelOk, qelrGetLibVersion() != nullptr ? qelOk : qelErrNullPointer),  // takes nothing, cannot fail
     R(qelErrNullPointer, qelrTriangleAccelGetSize(N)),
-    R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, N, N, 0)),   // count below 1: nothing read or written
-    R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, F, M, -1)),
-    R(qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, F, M, INT_MIN)),
+    RT(3, qelOk, qelrTriangleAccelInit((TriangleAccel*)Ov, N, N, kEmpty[t])),  // nothing read or written
     R(qelErrNullPointer, qelrSetBoundBox_32f(N, 3, Of)),
     R(qelErrNullPointer, qelrSetBoundBox_32f(N, -1, Of)),
     RN(5, qelErrNullPointer, kd(qelKdSingleLeaf, 0, 0, 32, t)),
@@ -198,56 +198,39 @@ const Row kRows[] = {
     R(qelOk, qelrCastEye_32f(N, N, N, 4, 4, {0, 0}, O3m, {-4, 4})),              // vector-path width, negative
     R(qelOk, qelrCastEye_32f(N, N, N, INT_MAX, INT_MAX, {INT_MAX, INT_MAX}, O3, {INT_MIN, 1})),
     // Height below 1 returns before any pointer is read.
-    R(qelOk, qelrIntersectEyeSO_32f(N, N, N, N, N, N, {4, 0})),
-    R(qelOk, qelrIntersectEyeSO_32f(N, N, N, N, N, N, {4, -4})),
-    R(qelOk, qelrIntersectMO_32f(N, N, N, N, N, N, {4, 0})),
-    R(qelOk, qelrIntersectMO_32f(N, N, N, N, N, N, {1, INT_MIN})),
-    R(qelOk, qelrIntersectAnySO_32f(N, N, N, N, {4, 0}, N)),
-    R(qelOk, qelrIntersectAnySO_32f(N, N, N, N, {INT_MAX, -1}, N)),
-    R(qelOk, [] { QelLayeredSize s{4, 0, 2}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
-    R(qelOk, [] { QelLayeredSize s{4, -1, 1}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
+    RT(3, qelOk, qelrIntersectEyeSO_32f(N, N, N, N, N, N, {4, kEmpty[t]})),
+    RT(3, qelOk, qelrIntersectMO_32f(N, N, N, N, N, N, {1, kEmpty[t]})),
+    RT(3, qelOk, qelrIntersectAnySO_32f(N, N, N, N, {INT_MAX, kEmpty[t]}, N)),
+    RT(3, qelOk, [t] { QelLayeredSize s{4, kEmpty[t], 2}; return qelrIntersectMultipleSO_32f(N, N, N, N, N, &s, N); }()),
     RN(4, qelErrNullPointer, qelrHitPoint3DEpsS0_32f_M(L3, Z(0, I3), Z(1, F), Z(2, M), Z(3, O3), 0, 1)),
-    R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3, 0, kNaN)),
-    R(qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3m, -4, 1)),
+    RT(3, qelOk, qelrHitPoint3DEpsS0_32f_M(N, I3, F, M, O3m, kEmpty[t], kNaN)),
     RN(5, qelErrNullPointer, qelrHitPoint3DEpsM0_32f_M(Z(0, I3), Z(1, I3), Z(2, F), Z(3, M), Z(4, O3), -1, 1)),
-    R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3, 0, kInf)),
-    R(qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3m, INT_MIN, 1)),
+    RT(3, qelOk, qelrHitPoint3DEpsM0_32f_M(I3, I3, F, M, O3m, kEmpty[t], kInf)),
 
     // --- normals and shading operations -------------------------------------
     RN(3, qelErrNullPointer, qelrTriangleNormal_32f(Z(0, F), Z(1, M), Z(2, Of), -1)),
-    R(qelOk, qelrTriangleNormal_32f(F, M, Of, 0)),
-    R(qelOk, qelrTriangleNormal_32f(F, M, Of, INT_MIN)),
+    RT(3, qelOk, qelrTriangleNormal_32f(F, M, Of + 1, kEmpty[t])),
     RN(2, qelErrNullPointer, qelrSurfFlatNormal_32f(Z(0, F), Z(1, M), O3, 0)),
-    R(qelOk, qelrSurfFlatNormal_32f(F, M, N, 0)),                                // output pack not checked
-    R(qelOk, qelrSurfFlatNormal_32f(F, M, O3m, -4)),
+    RT(3, qelOk, qelrSurfFlatNormal_32f(F, M, N, kEmpty[t])),  // output pack not checked
     RN(5, qelErrNullPointer, qelrSurfSmoothNormal_32f(Z(0, F), Z(1, M), Z(2, M), Z(3, I2), Z(4, O3), -1, 4)),
-    R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3, 0, 4)),
-    R(qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3m, -8, INT_MIN)),
+    RT(3, qelOk, qelrSurfSmoothNormal_32f(F, M, M, I2, O3m, kEmpty[t], INT_MIN)),
     RN(4, qelErrNullPointer, qelrDot_32f_P3C1M(Z(0, I3), Z(1, I3), Z(2, M), Z(3, Of), 0)),
-    R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of, 0)),
-    R(qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of + 1, -4)),
+    RT(3, qelOk, qelrDot_32f_P3C1M(I3, I3, M, Of + 1, kEmpty[t])),
     RN(4, qelErrNullPointer, qelrDotChangeNorm_32f_IM(Z(0, I3), Z(1, M), Z(2, O3), Z(3, Of), 0)),
-    R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3m, Of, 0)),
-    R(qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3, Of, -1)),
+    RT(3, qelOk, qelrDotChangeNorm_32f_IM(I3, M, O3m, Of + 1, kEmpty[t])),
     RN(3, qelErrNullPointer, qelrDistAttenuationSO_32f_M(L3, Z(0, I3), Z(1, M), Z(2, Of), 0)),
-    R(qelOk, qelrDistAttenuationSO_32f_M(N, I3, M, Of, 0)),                      // light not checked
-    R(qelOk, qelrDistAttenuationSO_32f_M(L3, I3, M, Of + 1, -4)),
+    RT(3, qelOk, qelrDistAttenuationSO_32f_M(N, I3, M, Of + 1, kEmpty[t])),  // light not checked
     RN(6, qelErrNullPointer, qelrCastShadowSO_32f(L3, Z(0, F), Z(1, I3), Z(2, I3), Z(3, Oi), Z(4, Of), Z(5, O3), 0)),
-    R(qelOk, qelrCastShadowSO_32f(N, F, I3, I3, Oi, Of, O3, 0)),
-    R(qelOk, qelrCastShadowSO_32f(L3, F, I3, I3, Oi, Of, O3m, -4)),
+    RT(3, qelOk, qelrCastShadowSO_32f(N, F, I3, I3, Oi, Of, O3m, kEmpty[t])),
     RN(4, qelErrNullPointer, qelrCastReflectionRay_32f(Z(0, I3), Z(1, M), Z(2, I3), Z(3, O3), 0)),
-    R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3, 0)),
-    R(qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3m, -8)),
-    R(qelOk, qelrMul_32f_C1IM(N, N, N, 0)),                                      // no checks; length first
-    R(qelOk, qelrMul_32f_C1IM(F, M, Of, -4)),
+    RT(3, qelOk, qelrCastReflectionRay_32f(I3, M, I3, O3m, kEmpty[t])),
+    RT(3, qelOk, qelrMul_32f_C1IM(N, N, N, kEmpty[t])),  // no checks; length first
     RN(3, qelErrNullPointer, qelrMul_32f_C1P3IM(Z(0, F), Z(1, M), Z(2, O3), 0)),
-    R(qelOk, qelrMul_32f_C1P3IM(F, M, O3m, -4)),
+    RT(3, qelOk, qelrMul_32f_C1P3IM(F, M, O3m, kEmpty[t])),
     RN(2, qelErrNullPointer, qelrDiv_32f_C1IM(Z(0, F), M, Z(1, Of), 0)),
-    R(qelOk, qelrDiv_32f_C1IM(F, N, Of, 0)),                                     // mask not checked
-    R(qelOk, qelrDiv_32f_C1IM(F, M, Of + 1, INT_MIN)),
+    RT(3, qelOk, qelrDiv_32f_C1IM(F, N, Of + 1, kEmpty[t])),  // mask not checked
     RN(4, qelErrNullPointer, qelrAddMulMul_32f_AC1P3IM(L3, Z(0, F), Z(1, I3), Z(2, M), Z(3, O3), 0)),
-    R(qelOk, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, O3, 0)),                     // colour not checked
-    R(qelOk, qelrAddMulMul_32f_AC1P3IM(L3, F, I3, M, O3m, -4)),
+    RT(3, qelOk, qelrAddMulMul_32f_AC1P3IM(N, F, I3, M, O3m, kEmpty[t])),  // colour not checked
 
     // --- spherical harmonics ------------------------------------------------
     R(qelErrNullPointer, qelrSHGetSize_32f(2, qelSHDirect, N)),
@@ -267,48 +250,47 @@ const Row kRows[] = {
     R(qelErrBadArgument, qelrSH_32f(F, F, F, -1, Of, 3, E)),
     R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 16, E20)),                     // above 15
     R(qelErrBadArgument, qelrSH_32f(F, F, F, 1, Of, 0, Ebad)),                     // unknown selector
-    R(qelOk, qelrSH_32f(F, F, F, -1, Of, 2, E)),
-    R(qelOk, qelrSH_32f(F, F, F, INT_MIN, Of, 2, E)),
+    RT(2, qelOk, qelrSH_32f(F, F, F, kEmpty[t], Of, 2, E)),
     RN(3, qelErrNullPointer, qelrSHBand_32f(Z(0, F), Z(1, F), Z(2, F), 1, Of, 1)),
     R(qelErrNullPointer, qelrSHBand_32f(F, F, F, 1, N, 99)),
     R(qelErrBadArgument, qelrSHBand_32f(F, F, F, 0, Of, 16)),                      // band before count
     R(qelErrBadArgument, qelrSHBand_32f(F, F, F, 1, Of, UINT32_MAX)),
     R(qelErrSize, qelrSHBand_32f(F, F, F, 0, Of, 15)),
-    R(qelOk, qelrSHBand_32f(F, F, F, -1, Of, 15)),
+    RT(2, qelOk, qelrSHBand_32f(F, F, F, kEmpty[t], Of, 15)),
     // Transforms: every pointer and each plane of a P3 argument, then the
     // count, then the order; a count below 0 does nothing.
     RN(5, qelErrNullPointer, qelrSHTFwd_32f_C1I(Z(0, F), Z(1, F), Z(2, F), Z(3, F), 0, Z(4, Of), 1, E)),
     R(qelErrSize, qelrSHTFwd_32f_C1I(F, F, F, F, 0, Of, 9, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 3, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C1I(F, F, F, F, 1, Of, 16, E20)),
-    R(qelOk, qelrSHTFwd_32f_C1I(F, F, F, F, -1, Of, 1, E)),
+    RT(2, qelOk, qelrSHTFwd_32f_C1I(F, F, F, F, kEmpty[t], Of, 1, E)),
     RN(4, qelErrNullPointer, qelrSHTFwd_32f_C3P3I(Z(0, F), F, F, Z(1, F), -1, Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTFwd_32f_C3P3I(F, F, F, F, -1, O3n, 1, E)),         // a null plane, even with n < 0
     R(qelErrSize, qelrSHTFwd_32f_C3P3I(F, F, F, F, 0, O3, 1, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_C3P3I(F, F, F, F, 2, O3, 3, E)),
-    R(qelOk, qelrSHTFwd_32f_C3P3I(F, F, F, F, INT_MIN, O3, 1, E)),
+    RT(2, qelOk, qelrSHTFwd_32f_C3P3I(F, F, F, F, kEmpty[t], O3, 1, E)),
     RN(4, qelErrNullPointer, qelrSHTFwd_32f_P3I(F, Z(0, F), F, Z(1, I3), -1, Z(2, O3), 1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3n, 1, O3, 1, E)),
     R(qelErrNullPointer, qelrSHTFwd_32f_P3I(F, F, F, I3, -1, O3n, 1, E)),
     R(qelErrSize, qelrSHTFwd_32f_P3I(F, F, F, I3, 0, O3, 1, E)),
     R(qelErrBadArgument, qelrSHTFwd_32f_P3I(F, F, F, I3, 1, O3, 3, E)),
-    R(qelOk, qelrSHTFwd_32f_P3I(F, F, F, I3, -5, O3, 1, E)),
+    RT(2, qelOk, qelrSHTFwd_32f_P3I(F, F, F, I3, kEmpty[t], O3, 1, E)),
     RN(4, qelErrNullPointer, qelrSHTInv_32f_C1(Z(0, F), 1, Z(1, F), F, F, Z(2, Of), 0, Z(3, E))),
     R(qelErrSize, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 3, F, F, F, Of, 1, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_C1(F, 17, F, F, F, Of, 1, E20)),
-    R(qelOk, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, -1, E)),
+    RT(2, qelOk, qelrSHTInv_32f_C1(F, 1, F, F, F, Of, kEmpty[t], E)),
     R(qelErrNullPointer, qelrSHTInv_32f_P3(I3n, 1, F, F, F, O3, 1, E)),
     RN(4, qelErrNullPointer, qelrSHTInv_32f_P3(Z(0, I3), 1, F, F, Z(1, F), Z(2, O3), -1, Z(3, E))),
     R(qelErrNullPointer, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3n, -1, E)),
     R(qelErrSize, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_P3(I3, 3, F, F, F, O3, 1, E)),
-    R(qelOk, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, -1, E)),
+    RT(2, qelOk, qelrSHTInv_32f_P3(I3, 1, F, F, F, O3, kEmpty[t], E)),
     R(qelErrNullPointer, qelrSHTInv_32f_P3C3(I3n, 1, F, F, F, Of, -1, E)),
     RN(4, qelErrNullPointer, qelrSHTInv_32f_P3C3(Z(0, I3), 1, Z(1, F), F, F, Z(2, Of), -1, Z(3, E))),
     R(qelErrSize, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, 0, E)),
     R(qelErrBadArgument, qelrSHTInv_32f_P3C3(I3, 3, F, F, F, Of, 1, E)),
-    R(qelOk, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, -1, E)),
+    RT(2, qelOk, qelrSHTInv_32f_P3C3(I3, 1, F, F, F, Of, kEmpty[t], E)),
 
     // --- volumes: resize cuboid and buffer sizes ---------------------------
     R(qelErrNullPointer, qelrGetResizeCuboid(B4, N, 1, 1, 1, 0, 0, 0, 1)),
