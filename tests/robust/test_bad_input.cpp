@@ -72,6 +72,9 @@ QelVolumeSize vol(int i, int v) {
 constexpr int kBadBoxes = 12, kBadVols = 6;
 // Lengths that leave nothing to do: run t of RT(2, ...) takes the negative ones, of RT(3, ...) also 0.
 constexpr int kEmpty[] = {-4, INT_MIN, 0};
+constexpr int kBadModes[] = {3, 0, -1, 99, INT_MIN};  // no interpolation of any volume function
+constexpr float kBadQualities[] = {-0.01f, 1.01f, kNaN, kInf};
+constexpr uint32_t kSmallBudgets[] = {31, 0, 0x2000};  // 0x2000 << 19 wraps to 0
 QelBox3D badBox(int k) { return box(k % 6, k >= 6 ? INT_MIN : k < 3 ? -1 : 0); }
 QelVolumeSize badVol(int k) { return vol(k % 3, k >= 3 ? INT_MIN : 0); }
 
@@ -172,20 +175,14 @@ const Row kRows[] = {
     R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, 3, -1, Oi, N)),
     R(qelErrSize, qelrKDTreeBuildAlloc((KDTreeNode**)Ov, F, M, INT_MIN, INT_MIN, Oi, N)),
     R(qelErrNullPointer, qelrKDTreeBuildAlloc(N, F, M, -1, -1, Oi, N)),          // pointers before counts
-    R(qelErrParamRange, kd(qelKdSingleLeaf, 51, 0, 32)),
-    R(qelErrParamRange, kd(qelKdSingleLeaf, UINT32_MAX, 0, 0)),
+    RT(2, qelErrParamRange, kd(qelKdSingleLeaf, t ? UINT32_MAX : 51, 0, 32)),
     R(qelErrNoMemory, kd(qelKdSingleLeaf, 0, 0, 0, -1, INT_MAX)),  // 16 + 4n bytes past 32 bits
     // The smallest n whose 16 + 4n bytes, asked as 64-bit elements, no longer fit qelMalloc's int.
     R(qelErrNoMemory, kd(qelKdSingleLeaf, 0, 0, 0, -1, int((int64_t{INT32_MAX} / 8 * 8 - 16) / 4))),
     R(qelErrParamRange, kd(qelKdCostDriven, 51, 0, 32)),
-    R(qelErrParamRange, kd(qelKdCostDriven, 0, -0.01f, 32)),
-    R(qelErrParamRange, kd(qelKdCostDriven, 0, 1.01f, 32)),
-    R(qelErrParamRange, kd(qelKdCostDriven, 0, kNaN, 32)),
-    R(qelErrParamRange, kd(qelKdCostDriven, 0, kInf, 32)),
+    RT(4, qelErrParamRange, kd(qelKdCostDriven, 0, kBadQualities[t], 32)),
     R(qelErrParamRange, kd(qelKdCostDriven, 60, 2, 0)),  // range before budget
-    R(qelErrNoMemory, kd(qelKdCostDriven, 0, 0, 31)),
-    R(qelErrNoMemory, kd(qelKdCostDriven, 0, 0, 0)),
-    R(qelErrNoMemory, kd(qelKdCostDriven, 0, 0, 0x2000)),  // << 19 wraps to 0
+    RT(3, qelErrNoMemory, kd(qelKdCostDriven, 0, 0, kSmallBudgets[t])),
     R(qelErrUnknownAlgorithm, kd(0, 0, 0, 32)),
     R(qelErrUnknownAlgorithm, kd(UINT32_MAX, 99, kNaN, 0)),
     R(qelOk, qelrKDTreeFree(N)),
@@ -301,10 +298,8 @@ const Row kRows[] = {
     R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, -1, 1, 0, 0, 0, 1)),
     R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, -0.0, 0, 0, 0, 1)),
     R(qelErrFactor, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, -INFINITY, 0, 0, 0, 1)),
-    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 3)),
-    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 0)),
+    RT(5, qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, kBadModes[t])),
     R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, 8)),
-    R(qelErrInterpolation, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, 0, 0, 0, INT_MIN)),
     R(qelWarnNothingToDo, qelrGetResizeCuboid(box(3, 1), (QelBox3D*)Ov, 0.25, 1, 1, 0, 0, 0, 1)),
     R(qelWarnNothingToDo, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, 1, 1, 1, -10, 0, 0, 1)),
     R(qelWarnNothingToDo, qelrGetResizeCuboid(B4, (QelBox3D*)Ov, NAN, 1, 1, 0, 0, 0, 1)),  // NaN passes the factor test
@@ -316,15 +311,14 @@ const Row kRows[] = {
     RT(kBadBoxes, qelErrSize, qelrResizeGetBufSize(B4, badBox(t), 3, 3, Oi)),
     R(qelErrChannels, qelrResizeGetBufSize(B4, B4, 3, 3, Oi)),                    // channels before mode
     R(qelErrChannels, qelrResizeGetBufSize(B4, B4, 0, 1, Oi)),
-    R(qelErrInterpolation, qelrResizeGetBufSize(B4, B4, 1, 3, Oi)),
-    R(qelErrInterpolation, qelrResizeGetBufSize(B4, B4, 1, -2, Oi)),
+    RT(5, qelErrInterpolation, qelrResizeGetBufSize(B4, B4, 1, kBadModes[t], Oi)),
     R(qelErrSize, qelrResizeGetBufSize(B4, {0, 0, 0, 1 << 20, 1 << 12, 1}, 1, 4, Oi)),  // bytes past 32 bits
     R(qelErrSize, qelrResizeGetBufSize(B4, {0, 0, 0, INT_MAX, 1, 1}, 1, 1, Oi)),
     R(qelErrNullPointer, qelrWarpAffineGetBufSize(B4, B4, 1, 1, N)),
     RT(kBadBoxes, qelErrSize, qelrWarpAffineGetBufSize(badBox(t), B4, 1, 1, Oi)),
     RT(kBadBoxes, qelErrSize, qelrWarpAffineGetBufSize(B4, badBox(t), 2, 3, Oi)),
     R(qelErrChannels, qelrWarpAffineGetBufSize(B4, B4, 2, 3, Oi)),
-    R(qelErrInterpolation, qelrWarpAffineGetBufSize(B4, B4, 1, 3, Oi)),
+    RT(5, qelErrInterpolation, qelrWarpAffineGetBufSize(B4, B4, 1, kBadModes[t], Oi)),
     R(qelErrNullPointer, qelrFilterGetBufSize(V4, V4, 1, N)),
     R(qelErrNullPointer, qelrFilterGetBufSize(vol(0, 0), V4, 3, N)),
     R(qelErrSize, qelrFilterGetBufSize(vol(0, 0), V4, 3, Oi)),                    // size before channels
@@ -346,9 +340,7 @@ const Row kRows[] = {
     RT(6, qelErrFactor, resize(t, S4, V4, 16, B4, D4, B4, sc(0, 0), 3, Ov)),
     RT(6, qelErrFactor, resize(t, S4, V4, 16, B4, D4, B4, sc(1, -1), 1, Ov)),
     RT(6, qelErrFactor, resize(t, S4, V4, 16, B4, D4, B4, sc(2, -0.0), 1, Ov)),
-    RT(6, qelErrInterpolation, resize(t, S4, V4, 16, B4, D4, B4, {}, 3, Ov)),
-    RT(6, qelErrInterpolation, resize(t, S4, V4, 16, B4, D4, B4, {}, 0, Ov)),
-    RT(6, qelErrInterpolation, resize(t, S4, V4, 16, B4, D4, B4, {}, 99, Ov)),
+    RT(6 * 5, qelErrInterpolation, resize(t % 6, S4, V4, 16, B4, D4, B4, {}, kBadModes[t / 6], Ov)),
     RT(6, qelWarnRegionOutsideVolume, resize(t, S4, V4, 16, box(0, 4), D4, B4, {}, 1, Ov)),
     RT(6, qelWarnRegionOutsideVolume, resize(t, S4, V4, 16, box(2, INT_MAX), D4, B4, {}, 2, Ov)),
     RT(6, qelWarnNothingToDo, resize(t, S4, V4, 16, B4, D4, B4, sc(3, 4), 1, Ov)),  // mapped box beside the destination
@@ -367,9 +359,8 @@ const Row kRows[] = {
     RT(3 * kBadBoxes, qelErrSize, remap(t % 3, S4, V4, 16, badBox(t / 3), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
     RT(3 * kBadVols, qelErrSize, remap(t % 3, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, badVol(t / 3), 1)),
     RT(3, qelErrSize, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, vol(2, -4), 3)),
-    RT(3, qelErrInterpolation, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 3)),
+    RT(3 * 5, qelErrInterpolation, remap(t % 3, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, kBadModes[t / 3])),
     RT(3, qelErrInterpolation, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, 16)),
-    RT(3, qelErrInterpolation, remap(t, S4, V4, 16, B4, MAP, MAP, MAP, 16, D4, 16, V4, -1)),
     RT(3, qelWarnRegionOutsideVolume, remap(t, S4, V4, 16, box(0, 4), MAP, MAP, MAP, 16, D4, 16, V4, 1)),
     RT(3, qelWarnRegionOutsideVolume, remap(t, S4, V4, 16, box(2, INT_MAX), MAP, MAP, MAP, 16, D4, 16, V4, 2)),
     // Single plane: its own mode set, steps of at least 1, warning 29.
@@ -395,7 +386,7 @@ const Row kRows[] = {
     RT(3, qelErrSingularTransform, warp(t, S4, V4, B4, D4, B4, kRows12, 1)),
     RT(3, qelErrSingularTransform, warp(t, S4, V4, B4, D4, B4, kRows01, 2)),
     RT(3, qelErrSingularTransform, warp(t, S4, V1, B4, D4, B4, kRows01, 2)),   // single plane
-    RT(3, qelErrInterpolation, warp(t, S4, V4, B4, D4, B4, kId, 3)),
+    RT(3 * 5, qelErrInterpolation, warp(t % 3, S4, V4, B4, D4, B4, kId, kBadModes[t / 3])),
     RT(3, qelErrInterpolation, warp(t, S4, V1, B4, D4, B4, kId, 0)),
     RT(3, qelErrInterpolation, warp(t, S4, V4, box(0, 9), D4, B4, kId, 8)),  // mode before the origin test
     RT(3, qelWarnRegionOutsideVolume, warp(t, S4, V4, box(0, 4), D4, B4, kId, 1)),
