@@ -1,7 +1,6 @@
-// The vector layer against scalar code, lane by lane, at every width the
-// target has. Built once per instruction set: every lane must give the bits
-// of the one IEEE (or two's complement) operation it stands for, which is
-// what makes the SSE3 and AVX2 variants of the library agree.
+// The vector layer against scalar code, lane by lane, at every width the target has. Built once per instruction set:
+// every lane must give the bits of the one IEEE (or two's complement) operation it stands for, which is what makes
+// the SSE3 and AVX2 variants of the library agree.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -46,27 +45,11 @@ std::vector<T> lanesOf(V v) {
 // Inputs: special values first, then random floats over many magnitudes.
 template <class T>
 std::vector<T> samples(size_t count, uint32_t seed) {
-    constexpr T inf = std::numeric_limits<T>::infinity();
-    std::vector<T> v = {T(0),
-                        T(-0.0),
-                        T(1),
-                        T(-1),
-                        T(0.5),
-                        T(2.5),
-                        T(-2.5),
-                        T(3.5),
-                        inf,
-                        -inf,
-                        std::numeric_limits<T>::quiet_NaN(),
-                        std::numeric_limits<T>::denorm_min(),
-                        -std::numeric_limits<T>::min(),
-                        std::numeric_limits<T>::max(),
-                        T(2147483648.0),
-                        T(-2147483904.0),
-                        T(1e-30),
-                        T(65535.5),
-                        T(255.5),
-                        T(-32768.5)};
+    using L = std::numeric_limits<T>;
+    std::vector<T> v = {L::infinity(), -L::infinity(), L::quiet_NaN(), L::denorm_min(), -L::min(), L::max()};
+    for (double d :
+         {0.0, -0.0, 1.0, -1.0, 0.5, 2.5, -2.5, 3.5, 2147483648.0, -2147483904.0, 1e-30, 65535.5, 255.5, -32768.5})
+        v.push_back(T(d));
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> mantissa(-1.0, 1.0);
     std::uniform_int_distribution<int> exponent(-40, 40);
@@ -75,19 +58,8 @@ std::vector<T> samples(size_t count, uint32_t seed) {
 }
 
 std::vector<int32_t> intSamples(size_t count, uint32_t seed) {
-    std::vector<int32_t> v = {0,
-                              1,
-                              -1,
-                              255,
-                              256,
-                              -256,
-                              65535,
-                              65536,
-                              -32768,
-                              -32769,
-                              32767,
-                              std::numeric_limits<int32_t>::min(),
-                              std::numeric_limits<int32_t>::max()};
+    using L = std::numeric_limits<int32_t>;
+    std::vector<int32_t> v = {0, 1, -1, 255, 256, -256, 65535, 65536, -32768, -32769, 32767, L::min(), L::max()};
     std::mt19937 rng(seed);
     while (v.size() < count) v.push_back(static_cast<int32_t>(rng()) >> (rng() % 31));
     return v;
