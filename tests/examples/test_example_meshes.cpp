@@ -79,13 +79,7 @@ TEST(ExampleMeshIo, ObjAndPlyFilesGiveTheirTriangles) {
 }
 
 TEST(ExampleMeshIo, SubdivisionSharesMidpointsAndKeepsTheArea) {
-    Mesh m;
-    m.addVertex(0, 0, 0);
-    m.addVertex(4, 0, 0);
-    m.addVertex(0, 4, 0);
-    m.addVertex(4, 4, 0);
-    m.addTriangle(0, 1, 2);
-    m.addTriangle(1, 3, 2);
+    const Mesh m{{0, 0, 0, 4, 0, 0, 0, 4, 0, 4, 4, 0}, {0, 1, 2, 0, 1, 3, 2, 0}};  // a 4 x 4 square
     const Mesh s = qelr_example::subdivideToAtLeast(m, 20);
     EXPECT_EQ(s.triangleCount(), 32);
     EXPECT_EQ(s.vertexCount(), 25);  // a 5 x 5 grid: shared edges give shared midpoints
