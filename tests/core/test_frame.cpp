@@ -1,14 +1,21 @@
-// The version record and the core services, through the public API.
+// The version record, the core services and the load-time choice of the instruction-set variant.
 #include <gtest/gtest.h>
 #include <omp.h>
+#include <qelcore.h>
 #include <qelr.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
-// The numbers are the build's project version; the text repeats them with
-// the build number; the record is one static object.
+#include "core/dispatch.h"
+
+namespace {
+
+using qelr::frame::Isa;
+
+// The numbers are the build's project version; the text repeats them with the build number; one static record.
 TEST(Version, RecordIsConstantAndMatchesTheProjectVersion) {
     const QelLibraryVersion* v = qelrGetLibVersion();
     ASSERT_NE(v, nullptr);
@@ -46,13 +53,33 @@ TEST(CoreServices, TeamSizeDefaultsToProcessorsAndCanBeSet) {
     EXPECT_EQ(qelSetNumThreads(initial), qelOk);
 }
 
-TEST(CoreServices, CpuFeaturesIncludeTheSse3Baseline) {
+TEST(Dispatch, ChoosesAvx2OnlyWhenOfferedAndNotRefused) {
+    const uint64_t avx2 = QEL_CPU_SSE3 | QEL_CPU_AVX | QEL_CPU_AVX2, sse3 = QEL_CPU_SSE | QEL_CPU_SSE2 | QEL_CPU_SSE3;
+    EXPECT_EQ(qelr::frame::chooseIsa(avx2, nullptr), Isa::avx2);
+    EXPECT_EQ(qelr::frame::chooseIsa(avx2, "avx2"), Isa::avx2);
+    EXPECT_EQ(qelr::frame::chooseIsa(avx2, "sse3"), Isa::sse3);
+    EXPECT_EQ(qelr::frame::chooseIsa(avx2, "neon"), Isa::avx2);  // unknown: the best
+    // Never an instruction set the processor (or its OS) does not offer.
+    EXPECT_EQ(qelr::frame::chooseIsa(QEL_CPU_SSE3, "avx2"), Isa::sse3);
+    EXPECT_EQ(qelr::frame::chooseIsa(QEL_CPU_SSE3 | QEL_CPU_AVX2, nullptr), Isa::sse3);
+    // This processor: the SSE3 baseline, and AVX2 only with AVX.
     const uint64_t f = qelGetEnabledCpuFeatures();
-    EXPECT_EQ(f, qelGetEnabledCpuFeatures());
-    EXPECT_TRUE(f & QEL_CPU_SSE);
-    EXPECT_TRUE(f & QEL_CPU_SSE2);
-    EXPECT_TRUE(f & QEL_CPU_SSE3);
-    if (f & QEL_CPU_AVX2) {
-        EXPECT_TRUE(f & QEL_CPU_AVX);
-    }
+    EXPECT_EQ(f & sse3, sse3);
+    EXPECT_TRUE(!(f & QEL_CPU_AVX2) || (f & QEL_CPU_AVX));
 }
+
+TEST(Dispatch, TableHoldsTheVariantChosenAtLoad) {
+    const Isa expected = qelr::frame::chooseIsa(qelGetEnabledCpuFeatures(), std::getenv("QELR_CPU"));
+    EXPECT_EQ(qelr::frame::activeIsa(), expected);
+    const qelr::frame::Entry* chosen = qelr::frame::entriesOf(expected);
+    for (size_t i = 0; i < std::size(qelr::frame::kExportNames); ++i) {
+        EXPECT_EQ(qelr::frame::activeEntries()[i], chosen[i]) << qelr::frame::kExportNames[i];
+        // Every export has two distinct variants.
+        EXPECT_NE(qelr::frame::entriesOf(Isa::sse3)[i], qelr::frame::entriesOf(Isa::avx2)[i]);
+    }
+    // The public entry reaches the chosen variant; both answer with one record.
+    EXPECT_EQ(qelrGetLibVersion(), QELR_VARIANT(expected, qelrGetLibVersion)());
+    EXPECT_EQ(QELR_VARIANT(Isa::sse3, qelrGetLibVersion)(), QELR_VARIANT(Isa::avx2, qelrGetLibVersion)());
+}
+
+}  // namespace

@@ -1,5 +1,5 @@
-// The library's memory services. This test defines qelMalloc and qelFree
-// itself, so the library objects linked into it call these counting versions.
+// The library's memory services. This test defines qelMalloc and qelFree itself, so the library objects linked
+// into it call these counting versions.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -26,35 +26,25 @@ extern "C" void qelFree(void* ptr) {
 
 using namespace qelr::core;
 
-TEST(MemoryServices, EmptyRequestsDoNotReachTheAllocator) {
-    g_mallocCalls = 0;
-    EXPECT_EQ(allocInt64(0), nullptr);
-    EXPECT_EQ(allocInt64(-1), nullptr);
-    EXPECT_EQ(allocInt32(0), nullptr);
-    EXPECT_EQ(allocBytes(-100), nullptr);
-    EXPECT_EQ(g_mallocCalls, 0);
-}
-
-TEST(MemoryServices, ElementSizesMultiplyIn32Bits) {
-    g_mallocCalls = 0;
-    void* p = allocInt64(5);
-    EXPECT_EQ(g_lastLength, 40);
-    freeMemory(p);
-    EXPECT_EQ(g_lastFreed, p);
-    p = allocInt32(5);
-    EXPECT_EQ(g_lastLength, 20);
-    freeMemory(p);
-    p = allocBytes(7);
-    EXPECT_EQ(g_lastLength, 7);
-    freeMemory(p);
-    // 0x20000001 * 8 wraps to 8 in 32 bits: the allocator sees what the
-    // 32-bit product gives.
-    p = allocInt64(0x20000001);
-    EXPECT_EQ(g_lastLength, 8);
-    freeMemory(p);
-    EXPECT_EQ(g_mallocCalls, 4);
-    freeMemory(nullptr);
-    EXPECT_EQ(g_lastFreed, nullptr);
+// The allocator sees the 32-bit product of count and element size; counts not above 0 never reach it.
+TEST(MemoryServices, AllocatorSeesThe32BitByteCount) {
+    const struct {
+        void* (*alloc)(int32_t);
+        int32_t n, bytes;  // bytes 0: the allocator is not called
+    } rows[] = {{allocInt64, 5, 40}, {allocInt32, 5, 20},
+                {allocBytes, 7, 7},  {allocInt64, 0x20000001, 8},  // 0x20000001 * 8 = 2^32 + 8
+                {allocInt64, 0, 0},  {allocInt64, -1, 0},
+                {allocInt32, 0, 0},  {allocBytes, -100, 0}};
+    for (const auto& r : rows) {
+        g_mallocCalls = 0;
+        g_lastLength = 0;
+        void* p = r.alloc(r.n);
+        EXPECT_EQ(g_mallocCalls, r.bytes != 0) << r.n;
+        EXPECT_EQ(g_lastLength, r.bytes) << r.n;
+        EXPECT_EQ(p != nullptr, r.bytes != 0) << r.n;
+        freeMemory(p);
+        EXPECT_EQ(g_lastFreed, p);
+    }
 }
 
 TEST(MemoryServices, CopyChecksPointersBeforeCount) {

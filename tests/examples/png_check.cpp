@@ -1,7 +1,6 @@
-// Checks that a file is a valid 8-bit RGB PNG of the expected size whose
-// pixels are not all the same.
-//
+// Checks that a file is a valid 8-bit RGB PNG of the expected size whose pixels are not all the same.
 //   png_check FILE [WIDTH HEIGHT]
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -23,22 +22,17 @@ int main(int argc, char** argv) {
         return 1;
     }
     if (argc == 4 && (image.width != std::atoi(argv[2]) || image.height != std::atoi(argv[3]))) {
-        std::fprintf(stderr, "%s: %dx%d, expected %sx%s\n", argv[1], image.width, image.height,
-                     argv[2], argv[3]);
+        std::fprintf(stderr, "%s: %dx%d, expected %sx%s\n", argv[1], image.width, image.height, argv[2], argv[3]);
         return 1;
     }
     size_t distinct = 0;
-    for (size_t i = 3; i < image.rgb.size(); i += 3) {
-        if (image.rgb[i] != image.rgb[0] || image.rgb[i + 1] != image.rgb[1] ||
-            image.rgb[i + 2] != image.rgb[2]) {
-            ++distinct;
-        }
-    }
+    for (size_t i = 3; i < image.rgb.size(); i += 3)
+        distinct += !std::equal(image.rgb.begin() + i, image.rgb.begin() + i + 3, image.rgb.begin());
     if (distinct == 0) {
         std::fprintf(stderr, "%s: every pixel has the same colour\n", argv[1]);
         return 1;
     }
-    std::printf("%s: valid %dx%d PNG, %zu pixels differ from the first\n", argv[1], image.width,
-                image.height, distinct);
+    std::printf("%s: valid %dx%d PNG, %zu pixels differ from the first\n", argv[1], image.width, image.height,
+                distinct);
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 
 #include "camera.h"
 #include "options.h"
@@ -17,8 +18,7 @@ TEST(RenderPng, RoundTripsThroughAStrictReader) {
     for (auto [w, h] : {std::pair{1, 1}, {7, 3}, {64, 40}}) {
         std::vector<uint8_t> rgb(size_t(w) * h * 3);
         // Half noise, half smooth gradients, so every row filter gets picked.
-        for (size_t i = 0; i < rgb.size(); ++i)
-            rgb[i] = i % 7 < 3 ? uint8_t(rng()) : uint8_t(i / 5);
+        for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = i % 7 < 3 ? uint8_t(rng()) : uint8_t(i / 5);
         const std::vector<uint8_t> png = qelr_example::encodePng(rgb.data(), w, h, 3);
         qelr_test::RgbImage image;
         std::string error;
@@ -40,20 +40,12 @@ TEST(RenderOptions, DefaultsValuesAndErrors) {
     Options o;
     std::string msg;
     EXPECT_EQ(parse({}, o, msg), ParseResult::kRun);
-    EXPECT_EQ(o.width, 640);
-    EXPECT_EQ(o.height, 400);
-    EXPECT_TRUE(o.mesh.empty());
-    EXPECT_EQ(parse({"-s", "160x100", "-o", "a.png", "--threads", "3", "--flat", "m.ply"}, o, msg),
-              ParseResult::kRun);
-    EXPECT_EQ(o.width, 160);
-    EXPECT_EQ(o.height, 100);
-    EXPECT_EQ(o.output, "a.png");
-    EXPECT_EQ(o.threads, 3);
-    EXPECT_TRUE(o.flat);
-    EXPECT_EQ(o.mesh, "m.ply");
+    EXPECT_EQ(std::tie(o.width, o.height, o.mesh), std::tuple(640, 400, ""));
+    EXPECT_EQ(parse({"-s", "160x100", "-o", "a.png", "--threads", "3", "--flat", "m.ply"}, o, msg), ParseResult::kRun);
+    EXPECT_EQ(std::tie(o.width, o.height, o.output, o.threads, o.flat, o.mesh),
+              std::tuple(160, 100, "a.png", 3, true, "m.ply"));
     EXPECT_EQ(parse({"--triangles", "5000", "-a", "2"}, o, msg), ParseResult::kRun);
-    EXPECT_EQ(o.sceneTriangles, 5000);
-    EXPECT_EQ(o.samples, 2);
+    EXPECT_EQ(std::tie(o.sceneTriangles, o.samples), std::tuple(5000, 2));
     EXPECT_EQ(parse({"--help"}, o, msg), ParseResult::kHelp);
     for (std::vector<const char*> bad : {std::vector<const char*>{"-s", "160"},
                                          {"-s", "0x10"},

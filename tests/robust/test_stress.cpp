@@ -1,16 +1,12 @@
-// Several application threads call the parallel functions at once, each with
-// its own buffers; some of them make their calls from inside an OpenMP region
-// of their own, so the library's regions are nested in the caller's. Every
-// call must give the bytes of a lone call. Under ThreadSanitizer (preset
-// tsan) this is also the race test of the parallel regions.
+// Several application threads call the parallel functions at once, each with its own buffers; some of them call
+// from inside an OpenMP region of their own, so the library's regions nest in the caller's. Every call must give the
+// bytes of a lone call. Under ThreadSanitizer (preset tsan) this is also the race test of the parallel regions.
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <qelr.h>
 
 #include <atomic>
-#include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <random>
 #include <thread>
@@ -22,9 +18,8 @@ using Bytes = std::vector<uint8_t>;
 
 template <class T>
 Bytes bytesOf(const std::vector<T>& v) {
-    Bytes b(v.size() * sizeof(T));
-    std::memcpy(b.data(), v.data(), b.size());
-    return b;
+    const auto* p = reinterpret_cast<const uint8_t*>(v.data());
+    return Bytes(p, p + v.size() * sizeof(T));
 }
 
 // Inputs shared read-only by every call.
@@ -138,8 +133,7 @@ TEST(Stress, ConcurrentCallsGiveTheBytesOfLoneCalls) {
         std::vector<std::thread> threads;
         for (int a = 0; a < appThreads; ++a)
             threads.emplace_back([&, a] {
-                // Odd threads call from inside a region of their own: two
-                // OpenMP threads each make every call.
+                // Odd threads call from inside a region of their own: two OpenMP threads each make every call.
                 const int team = a % 2 ? 2 : 1;
 #pragma omp parallel num_threads(team)
                 for (int r = 0; r < 3; ++r)

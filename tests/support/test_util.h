@@ -1,37 +1,25 @@
 // Small helpers shared by the tests.
 #pragma once
 
+#include <qelcore.h>
+
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
 namespace qelr_test {
 
-inline uint32_t bitsOf(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
+inline uint32_t bitsOf(float f) { return std::bit_cast<uint32_t>(f); }
+inline float floatOf(uint32_t u) { return std::bit_cast<float>(u); }
 
-inline float floatOf(uint32_t u) {
-    float f;
-    std::memcpy(&f, &u, 4);
-    return f;
-}
-
-// Restores the team size of the library's parallel regions when it leaves
-// scope, so a test that changes it does not leak the change.
+// Restores the team size of the library's parallel regions when it leaves scope, so a test that changes it does
+// not leak the change.
 class ThreadCountGuard {
  public:
-    ThreadCountGuard();
-    ~ThreadCountGuard();
+    ~ThreadCountGuard() { qelSetNumThreads(saved_); }
 
  private:
-    int saved_;
+    int saved_ = ownGetNumThreads();
 };
 
 }  // namespace qelr_test
-
-#include <qelcore.h>
-
-inline qelr_test::ThreadCountGuard::ThreadCountGuard() : saved_(ownGetNumThreads()) {}
-inline qelr_test::ThreadCountGuard::~ThreadCountGuard() { qelSetNumThreads(saved_); }
