@@ -1,5 +1,5 @@
-// Basis evaluation: accuracy against a double-precision reference, agreement
-// of the two selectors, exact values, paths and statuses.
+// State sizes and tables, and the basis: accuracy against a double-precision
+// reference, exact values, and the same bits on every variant and path.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "sh/sh_engine.h"
 #include "sh_reference.h"
 #include "test_util.h"
 
@@ -49,7 +50,7 @@ TEST(SHBasis, BothSelectorsMatchTheReferenceAtEveryOrder) {
 
 // At the pole every m != 0 value is exactly zero; band 0 and the
 // recurrence's band 1 carry the bits of table A; order 0 writes one value
-// per direction.
+// per direction; an order above the state's is refused.
 TEST(SHBasis, PoleAndBandZeroValues) {
     const float x[2] = {0, 0}, y[2] = {0, 1}, z[2] = {1, 0};
     for (uint32_t algorithm : kSelectors) {
@@ -64,6 +65,8 @@ TEST(SHBasis, PoleAndBandZeroValues) {
             EXPECT_EQ(bitsOf(out[2]), 0x3EFA2A1Du);
             EXPECT_EQ(bitsOf(out[256 + 1]), 0xBEFA2A1Du);
         }
+        Engine small(3, algorithm);  // above the state's order: refused even with no direction
+        EXPECT_EQ(qelrSH_32f(x, y, z, -1, out.data(), 4, small.get()), qelErrBadArgument);
         out.assign(3, -1.0f);
         ASSERT_EQ(qelrSH_32f(x, y, z, 2, out.data(), 0, e.get()), qelOk);
         EXPECT_EQ(bitsOf(out[0]), 0x3E906EBBu);
@@ -87,8 +90,8 @@ TEST(SHBasis, VariantsAndPathsAgreeBitwise) {
         for (uint32_t order = 0; order <= 15; ++order) {
             const int count = (order + 1) * (order + 1);
             Engine e(order, algorithm);
-            std::vector<float> copy(e.size() / 4 + 4);
-            std::memcpy(copy.data(), e.get(), e.size());
+            std::vector<float> copy(e.size / 4 + 4);
+            std::memcpy(copy.data(), e.get(), e.size);
             const auto* moved = reinterpret_cast<const QelSHEngine*>(copy.data());
             const auto all = evaluate(d, order, algorithm);
             std::vector<float> out(n * count), band(n * (2 * order + 1));
@@ -146,34 +149,72 @@ TEST(SHBasis, StreamedOutputsAgreeBitwise) {
     }
 }
 
-TEST(SHBasis, StatusesInTheirOrder) {
-    const float p[1] = {0};
-    float out[4] = {7, 7, 7, 7};
-    Engine direct(3, qelSHDirect), recur(20, qelSHRecurrence);
-    const QelSHEngine* e = direct.get();
-    alignas(16) uint32_t unknown[4] = {15, 2, 0, 0};
-    EXPECT_EQ(qelrSH_32f(nullptr, p, p, 0, out, 99, e), qelErrNullPointer);
-    EXPECT_EQ(qelrSH_32f(p, nullptr, p, 1, out, 0, e), qelErrNullPointer);
-    EXPECT_EQ(qelrSH_32f(p, p, nullptr, 1, out, 0, e), qelErrNullPointer);
-    EXPECT_EQ(qelrSH_32f(p, p, p, 1, nullptr, 0, e), qelErrNullPointer);
-    EXPECT_EQ(qelrSH_32f(p, p, p, 1, out, 0, nullptr), qelErrNullPointer);
-    EXPECT_EQ(qelrSH_32f(p, p, p, 0, out, 99, e), qelErrSize);
-    EXPECT_EQ(qelrSH_32f(p, p, p, -1, out, 4, e), qelErrBadArgument);
-    EXPECT_EQ(qelrSH_32f(p, p, p, -1, out, 3, e), qelOk);
-    EXPECT_EQ(qelrSH_32f(p, p, p, 1, out, 16, recur.get()), qelErrBadArgument);
-    EXPECT_EQ(qelrSH_32f(p, p, p, -1, out, 16, recur.get()), qelErrBadArgument);
-    EXPECT_EQ(qelrSH_32f(p, p, p, -1, out, 15, recur.get()), qelOk);
-    EXPECT_EQ(qelrSH_32f(p, p, p, 1, out, 1, reinterpret_cast<const QelSHEngine*>(unknown)),
-              qelErrBadArgument);
+TEST(SHState, SizesAndTheDirectBlock) {
+    uint32_t size = 0;
+    EXPECT_EQ(qelrSHGetSize_32f(15, qelSHDirect, &size), qelOk);
+    EXPECT_EQ(size, 16u);
+    const uint32_t orders[] = {0, 1, 2, 3, 6, 15, 16, 100};
+    const uint32_t sizes[] = {64, 64, 96, 128, 256, 1120, 1280, 41248};
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(qelrSHGetSize_32f(orders[i], qelSHRecurrence, &size), qelOk);
+        EXPECT_EQ(size, sizes[i]) << "order " << orders[i];
+    }
+    // The direct block is 16 bytes: order, selector, zeros.
+    alignas(16) unsigned char block[32];
+    std::memset(block, 0xAB, sizeof block);
+    EXPECT_EQ(qelrSHInit_32f(reinterpret_cast<QelSHEngine*>(block), 9, qelSHDirect), qelOk);
+    const uint32_t head[4] = {9, 0, 0, 0};
+    EXPECT_EQ(std::memcmp(block, head, 16), 0);
+    EXPECT_EQ(block[16], 0xAB);
+}
 
-    EXPECT_EQ(qelrSHBand_32f(nullptr, p, p, 1, out, 0), qelErrNullPointer);
-    EXPECT_EQ(qelrSHBand_32f(p, nullptr, p, 1, out, 0), qelErrNullPointer);
-    EXPECT_EQ(qelrSHBand_32f(p, p, nullptr, 1, out, 0), qelErrNullPointer);
-    EXPECT_EQ(qelrSHBand_32f(p, p, p, 1, nullptr, 99), qelErrNullPointer);
-    EXPECT_EQ(qelrSHBand_32f(p, p, p, 0, out, 16), qelErrBadArgument);
-    EXPECT_EQ(qelrSHBand_32f(p, p, p, 0, out, 15), qelErrSize);
-    EXPECT_EQ(qelrSHBand_32f(p, p, p, -5, out, 15), qelOk);
-    for (float v : out) EXPECT_EQ(v, 7.0f);
+// Both tables lie inside a block of exactly the reported size, on 16-byte
+// boundaries (AddressSanitizer checks the writes of the initialisation);
+// orders 0 and 1 hold nothing but table A's first three entries.
+TEST(SHState, TablesFitTheReportedSize) {
+    for (uint32_t order = 0; order <= 200; ++order) {
+        Engine e(order, qelSHRecurrence);
+        ASSERT_EQ(e.status, qelOk);
+        const auto* base = reinterpret_cast<const unsigned char*>(e.get());
+        const auto* a = reinterpret_cast<const unsigned char*>(qelr::sh::tableA(e.get()));
+        const auto* b = reinterpret_cast<const unsigned char*>(qelr::sh::tableB(e.get()));
+        const size_t n = (order + 1) * (order + 2) / 2;
+        EXPECT_EQ((a - base) % 16, 0);
+        EXPECT_EQ((b - base) % 16, 0);
+        EXPECT_GE(a - base, 24);
+        EXPECT_GE(b, a + 4 * n);
+        EXPECT_LE(static_cast<size_t>(b - base) + 4 * n, e.size) << order;
+        for (uint32_t i = 24; order <= 1 && i < e.size; ++i)
+            EXPECT_TRUE(base[i] == 0 || (base + i >= a && base + i < a + 12)) << i;
+    }
+}
+
+// For state orders of 32767 and more the 32-bit size wraps around: the
+// initialisation stays inside the reported block, and an evaluation needing
+// bands that did not fit is refused instead of reading past the block.
+TEST(SHState, WrappedSizesStayInsideTheBlock) {
+    const float x = 0.6f, y = 0.0f, z = 0.8f;
+    float out[256], expect[256];
+    Engine tiny(0xFFFFFFFFu, qelSHRecurrence);
+    ASSERT_EQ(tiny.status, qelOk);
+    EXPECT_EQ(tiny.size, 32u);
+    EXPECT_EQ(qelrSH_32f(&x, &y, &z, 1, out, 0, tiny.get()), qelErrBadArgument);
+    EXPECT_EQ(qelrSH_32f(&x, &y, &z, -1, out, 0, tiny.get()), qelOk);
+    EXPECT_EQ(qelrSHTInv_32f_C1(out, 0, &x, &y, &z, out, 1, tiny.get()), qelErrBadArgument);
+
+    Engine wrapped(65535, qelSHRecurrence);  // 32768 entries in 32 bits
+    Engine normal(15, qelSHRecurrence);
+    ASSERT_EQ(qelrSH_32f(&x, &y, &z, 1, out, 15, wrapped.get()), qelOk);
+    ASSERT_EQ(qelrSH_32f(&x, &y, &z, 1, expect, 15, normal.get()), qelOk);
+    EXPECT_EQ(std::memcmp(out, expect, sizeof out), 0);
+}
+
+TEST(SHState, ReinitialisingOverwritesEverything) {
+    Engine big(30, qelSHRecurrence), small(3, qelSHRecurrence);
+    ASSERT_EQ(qelrSHInit_32f(big.get(), 3, qelSHRecurrence), qelOk);
+    EXPECT_EQ(std::memcmp(big.get(), small.get(), small.size), 0);
+    ASSERT_EQ(qelrSHInit_32f(big.get(), 3, qelSHDirect), qelOk);
+    EXPECT_EQ(qelr::sh::engineAlgorithm(big.get()), 0u);
 }
 
 }  // namespace
