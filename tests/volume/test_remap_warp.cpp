@@ -87,16 +87,12 @@ void againstReference(bool isWarp) {
         Volume<T> src(g.src);
         src.fillRandom(3, true);
         const QelBox3D b = g.box, dbox{1, 0, 1, g.dst.width - 1, g.dst.height, g.dst.depth - 1};
-        const QelBox3D box{b.x,
-                           b.y,
-                           b.z,
-                           std::min(b.width, g.src.width - b.x),
-                           std::min(b.height, g.src.height - b.y),
-                           std::min(b.depth, g.src.depth - b.z)};
         Volume<float> mx(g.dst), my(g.dst), mz(g.dst);
         Volume<float>* maps[3] = {&mx, &my, &mz};
-        const int lo[3] = {box.x, box.y, box.z},
-                  hi[3] = {lo[0] + box.width - 1, lo[1] + box.height - 1, lo[2] + box.depth - 1};
+        const int lo[3] = {b.x, b.y, b.z};
+        const int hi[3] = {std::min(b.x + b.width, g.src.width) - 1,
+                           std::min(b.y + b.height, g.src.height) - 1,
+                           std::min(b.z + b.depth, g.src.depth) - 1};
         std::mt19937 rng(5);
         for (int a = 0; a < 3; ++a) {
             std::uniform_real_distribution<float> u(lo[a] - 1.5f, hi[a] + 1.5f);
