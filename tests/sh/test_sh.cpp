@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sh/sh_engine.h"
+#include "sh/sh_vector.h"
 #include "sh_reference.h"
 #include "test_util.h"
 
@@ -355,6 +356,9 @@ TEST(SHTransform, RefusedBeforeAnySample) {
     EXPECT_EQ(qelrSHTInv_32f_C1(w, 17, p, p, p, w, -1, deep.get()), qelOk);
     EXPECT_EQ(qelrSHTInv_32f_C1(w, 1, p, p, p, w, 1, bad), qelErrBadArgument);
     EXPECT_EQ(qelrSHTFwd_32f_P3I(p, p, p, cplanes, 1, planes, 1, bad), qelErrBadArgument);
+    // The array operations behind the transforms refuse empty arrays.
+    EXPECT_EQ(qelr::sh::zeroFill(w, 0), qelErrSize);
+    EXPECT_EQ(qelr::sh::addInPlace(p, w, 0), qelErrSize);
     for (float v : w) EXPECT_EQ(v, 5.0f);
 }
 
