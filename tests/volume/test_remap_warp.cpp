@@ -158,7 +158,7 @@ TEST(Remap, CubicTablesHoldTheExactWeights) {
     Volume<float> src({9, 9, 9});
     src.fill([](int x, int y, int z) { return x == 4 && y == 4 && z == 4 ? 1.0f : 0.0f; });
     Volume<float> mx({5, 1, 1}), myz({5, 1, 1});
-    const float xs[5] = {2.5f, 3.5f, 4.5f, 5.5f, 2.0f};  // the impulse at taps 2, 1, 0, -1, 2
+    const float xs[5] = {2.0f, 2.5f, 3.5f, 4.5f, 5.5f};  // the impulse at taps 2, 2, 1, 0, -1
     mx.fill([&](int x, int, int) { return xs[x]; });
     myz.fill([](int, int, int) { return 4.0f; });
     const Volume<float>* maps[3] = {&mx, &myz, &myz};
@@ -166,7 +166,7 @@ TEST(Remap, CubicTablesHoldTheExactWeights) {
         Volume<float> dst({5, 1, 1});
         dst.fill([](int, int, int) { return 7.0f; });
         ASSERT_EQ(remap(src, {0, 0, 0, 9, 9, 9}, maps, dst, w.mode), qelOk);
-        const double want[5] = {w.w15, w.w05, w.w05, w.w15, 0};
+        const double want[5] = {0, w.w15, w.w05, w.w05, w.w15};
         for (int i = 0; i < 5; ++i)
             EXPECT_NEAR(dst.at(i, 0, 0), want[i] * w.w0 * w.w0, 1e-7) << w.mode << " " << i;
     }
