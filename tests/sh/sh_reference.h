@@ -26,25 +26,19 @@ inline std::vector<qelr::frame::Isa> variants() {
 }
 
 // A state block of the reported size from qelMalloc (16-byte aligned).
-class Engine {
- public:
-    Engine(uint32_t order, uint32_t algorithm) {
-        status_ = qelrSHGetSize_32f(order, algorithm, &size_);
-        if (status_ != qelOk) return;
-        block_ = qelMalloc(static_cast<int>(size_));
-        status_ = qelrSHInit_32f(get(), order, algorithm);
+struct Engine {
+    uint32_t size = 0;
+    QelStatus status;
+    void* block = nullptr;
+    Engine(uint32_t order, uint32_t algorithm)
+        : status(qelrSHGetSize_32f(order, algorithm, &size)) {
+        if (status == qelOk) block = qelMalloc(static_cast<int>(size));
+        if (block != nullptr) status = qelrSHInit_32f(get(), order, algorithm);
     }
-    ~Engine() { qelFree(block_); }
+    ~Engine() { qelFree(block); }
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
-    QelSHEngine* get() const { return static_cast<QelSHEngine*>(block_); }
-    QelStatus status() const { return status_; }
-    uint32_t size() const { return size_; }
-
- private:
-    void* block_ = nullptr;
-    uint32_t size_ = 0;
-    QelStatus status_ = qelOk;
+    QelSHEngine* get() const { return static_cast<QelSHEngine*>(block); }
 };
 
 // Planes of unit directions (normalised in double, rounded to float).

@@ -1,6 +1,6 @@
-// 3-D filter: statuses, the rounding and saturation rules, and random kernels
-// (narrow and 32-bit wide, every width, anchors inside and outside) against a
-// literal scalar reference, bit for bit.
+// 3-D filter: the rounding and saturation rules, and random kernels (narrow
+// and 32-bit wide, every width, anchors inside and outside) against a literal
+// scalar reference, bit for bit.
 #include <gtest/gtest.h>
 #include <qelr.h>
 
@@ -24,8 +24,8 @@ int16_t referenceVoxel(const At& at, int i, int j, int k, const std::vector<int3
         for (int q = 0; q < ks.height; ++q) {
             uint32_t sum = 0;  // wrapping 32-bit row sum
             for (int p = 0; p < ks.width; ++p) {
-                const int32_t kv = K[(size_t(r) * ks.height + q) * ks.width + p];
-                sum += uint32_t(kv) * uint32_t(int32_t(at(i + a.x - p, j + a.y - q, k + a.z - r)));
+                sum += uint32_t(K[(size_t(r) * ks.height + q) * ks.width + p]) *
+                       uint32_t(int32_t(at(i + a.x - p, j + a.y - q, k + a.z - r)));
             }
             acc += float(int32_t(sum));
         }
@@ -62,7 +62,7 @@ void runCase(const Case& c, uint32_t seed) {
     for (auto& v : K) v = c.wide ? wide(rng) : narrow(rng);
     Volume<int16_t> dst(c.roi);
     dst.fill([](int, int, int) { return 1234; });
-    const int st = sameEverywhere("filter_" + std::to_string(seed), dst, [&](Isa i) {
+    const int st = sameEverywhere(dst, [&](Isa i) {
         int size = 0;
         EXPECT_EQ(QELR_VARIANT(i, qelrFilterGetBufSize)(c.roi, c.ks, 1, &size), qelOk);
         std::vector<uint8_t> buffer(size + 1);  // + 1: the buffer need not be aligned
@@ -96,10 +96,17 @@ TEST(Filter3D, MatchesReferenceForKernelWidthsDivisorsAndAnchors) {
         {{19, 17, 16}, {3, 3, 3}, {1, 1, 1}, 9, true, false},  // split over threads
     };
     for (const Case& c : cases) runCase(c, 17 + (&c - cases));
+    qelr_test::ThreadCountGuard guard;  // the buffer: 4 bytes a column and 64, per thread
+    for (int threads : {4, 1}) {
+        qelSetNumThreads(threads);
+        int size = -1;
+        EXPECT_EQ(qelrFilterGetBufSize({100, 2, 2}, {3, 3, 3}, 1, &size), qelOk);
+        EXPECT_EQ(size, (400 + 64) * threads);
+    }
 }
 
 // 1 x 1 x 1 kernels on a row of 19 elements (the first 16 in vectors, the
-// last 3 in the scalar tail): copies, negation, rounding ties to even on
+// last 3 in the scalar tail): negation, rounding ties to even on
 // the magnitude, saturation, the single-precision reciprocal.
 TEST(Filter3D, ScalingRoundingAndSaturation) {
     const std::vector<int16_t> v = {0, 1, -1, 5, -5, 7, -7, -32768, 32767, 3,
@@ -109,7 +116,6 @@ TEST(Filter3D, ScalingRoundingAndSaturation) {
         int divisor;
         std::vector<int16_t> want;
     } const cases[] = {
-        {1, 1, v},
         {1, -1, {0, -1, 1, -5, 5, -7, 7, 32767, -32767, -3, 0, -1, 1, -3, -4, -6, -5, 5, -7}},
         {1, 2, {0, 0, 0, 2, -2, 4, -4, -16384, 16384, 2, 0, 0, 0, 2, 2, 3, 2, -2, 4}},
         {100000,
@@ -127,40 +133,6 @@ TEST(Filter3D, ScalingRoundingAndSaturation) {
                                       {0, 0, 0}, c.divisor, buffer.data()),
                   qelOk);
         EXPECT_EQ(out, c.want) << c.k << " / " << c.divisor;
-    }
-}
-
-TEST(Filter3D, StatusesInOrderAndNothingWritten) {
-    qelr_test::ThreadCountGuard guard;
-    int16_t s[64] = {}, d[64];
-    std::fill(d, d + 64, 5);
-    const int16_t* sp[] = {s};
-    int16_t* dp[] = {d};
-    const int32_t k[1] = {1};
-    uint8_t buffer[256];
-    const QelVolumeSize roi{4, 1, 1}, one{1, 1, 1};
-    auto call = [&](const int16_t* const* src, int16_t* const* dst, const int32_t* kern,
-                    QelVolumeSize r, QelVolumeSize ks, int divisor) {
-        return qelrFilter_16s_C1PV(src, 8, dst, 8, r, kern, ks, {0, 0, 0}, divisor, buffer);
-    };
-    EXPECT_EQ(call(nullptr, dp, k, {0, 0, 0}, one, 0), qelErrNullPointer);
-    EXPECT_EQ(call(sp, nullptr, k, roi, one, 1), qelErrNullPointer);
-    EXPECT_EQ(call(sp, dp, nullptr, roi, one, 1), qelErrNullPointer);
-    EXPECT_EQ(call(sp, dp, k, {4, 1, 0}, one, 1), qelErrSize);
-    EXPECT_EQ(call(sp, dp, k, roi, {1, 0, 1}, 1), qelErrSize);
-    EXPECT_EQ(call(sp, dp, k, roi, one, 0), qelErrSize);
-    for (int16_t v : d) EXPECT_EQ(v, 5);
-    int size = -1;
-    const QelVolumeSize big{100, 2, 2}, ks{3, 3, 3};
-    EXPECT_EQ(qelrFilterGetBufSize(big, ks, 1, nullptr), qelErrNullPointer);
-    EXPECT_EQ(qelrFilterGetBufSize({100, 0, 2}, ks, 3, &size), qelErrSize);
-    EXPECT_EQ(qelrFilterGetBufSize(big, {3, 3, 0}, 3, &size), qelErrSize);
-    EXPECT_EQ(qelrFilterGetBufSize(big, ks, 3, &size), qelErrChannels);
-    EXPECT_EQ(size, -1);
-    for (int threads : {4, 1}) {
-        qelSetNumThreads(threads);
-        EXPECT_EQ(qelrFilterGetBufSize(big, ks, 1, &size), qelOk);
-        EXPECT_EQ(size, (400 + 64) * threads);
     }
 }
 
