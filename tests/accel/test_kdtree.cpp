@@ -9,15 +9,15 @@
 #include <climits>
 #include <cstring>
 
-#include "kdtree_scenes.h"
+#include "kdtree_check.h"
 #include "test_util.h"
 
 namespace {
 
-using kdtest::buildTree;
-using kdtest::costDriven;
-using kdtest::Scene;
 using qelr_test::bitsOf;
+using qelr_test::buildTree;
+using qelr_test::costDriven;
+using qelr_test::Mesh;
 
 std::vector<uint32_t> wordsOf(const std::vector<uint8_t>& bytes) {
     std::vector<uint32_t> w(bytes.size() / 4);
@@ -25,8 +25,8 @@ std::vector<uint32_t> wordsOf(const std::vector<uint8_t>& bytes) {
     return w;
 }
 
-Scene twoTriangles(const float a[3][3], const float b[3][3]) {
-    Scene s;
+Mesh twoTriangles(const float a[3][3], const float b[3][3]) {
+    Mesh s;
     s.add(a[0], a[1], a[2]);
     s.add(b[0], b[1], b[2]);
     return s;
@@ -81,11 +81,11 @@ TEST(KDTreeChecks, StatusesInOrderAndNothingWrittenOnError) {
 }
 
 TEST(KDTreeSingleLeaf, LayoutByteForByte) {
-    const Scene s = kdtest::randomScene(5, 1);
+    const Mesh s = qelr_test::randomScene(5, 1);
     for (int count : {0, 1, 5}) {
         std::vector<uint32_t> expect = {0xFFFFFFF0u, static_cast<uint32_t>(count), 0, 0};
         for (int i = 0; i < count; ++i) expect.push_back(static_cast<uint32_t>(i));
-        Scene part = s;
+        Mesh part = s;
         part.idx.resize(4 * count);
         // Any depth and quality are accepted, and the reserved word is not read.
         const auto b = buildTree(part, {qelKdSingleLeaf, 50, 7.0f, 0, 99});
@@ -105,7 +105,7 @@ TEST(KDTreeSingleLeaf, LayoutByteForByte) {
 TEST(KDTreeCostDriven, EmptySpaceCutDerivedByHand) {
     const float a[3][3] = {{0, 0, 0}, {1, 0, 1}, {0, 1, 1}};
     const float b[3][3] = {{9, 0, 0}, {10, 0, 1}, {9, 1, 1}};
-    const Scene s = twoTriangles(a, b);
+    const Mesh s = twoTriangles(a, b);
     const auto cut = buildTree(s, costDriven(50, 0.92f));  // f = 0.8699
     EXPECT_EQ(cut.info.error, "");
     EXPECT_EQ(wordsOf(cut.bytes),
@@ -136,7 +136,7 @@ TEST(KDTreeCostDriven, AxisTiesDerivedByHand) {
 }
 
 TEST(KDTreeCostDriven, TrianglesWithoutPlaceAreLeftOut) {
-    Scene s = kdtest::randomScene(30, 9);
+    Mesh s = qelr_test::randomScene(30, 9);
     s.idx[4 * 3 + 1] = s.vertexCount();  // index past the vertices
     s.idx[4 * 7] = -1;
     s.v[3 * s.idx[4 * 11 + 2]] = NAN;
@@ -148,9 +148,8 @@ TEST(KDTreeCostDriven, TrianglesWithoutPlaceAreLeftOut) {
 }
 
 TEST(KDTreeCostDriven, SameBytesForAnyThreadSetting) {
-    // The upper nodes hold far more than 76 triangles and are scored by one
-    // thread per axis.
-    const Scene s = kdtest::randomScene(2500, 7);
+    // The upper nodes hold far more than 76 triangles and are scored by one thread per axis.
+    const Mesh s = qelr_test::randomScene(2500, 7);
     const auto reference = buildTree(s, costDriven());
     ASSERT_EQ(reference.info.error, "");
     ASSERT_GT(reference.info.innerNodes, 100);

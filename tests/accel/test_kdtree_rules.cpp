@@ -8,12 +8,12 @@
 
 #include "accel/kdtree_build.h"
 #include "core/impl.h"
-#include "kdtree_scenes.h"
+#include "kdtree_check.h"
 
 namespace {
 
 using namespace qelr::accel;
-using kdtest::Scene;
+using qelr_test::Mesh;
 
 // Score of one axis, straight from the rules: O(n^2) counting per node.
 double naiveAxisScore(const std::vector<TriRef>& refs, const Box3& cell, int a, float& pos,
@@ -82,7 +82,7 @@ double naiveAxisScore(const std::vector<TriRef>& refs, const Box3& cell, int a, 
 }
 
 // Depth-first, below first, child pairs given out when a node splits.
-std::vector<uint8_t> bruteForceTree(const Scene& s, uint32_t depthLimit, float quality) {
+std::vector<uint8_t> bruteForceTree(const Mesh& s, uint32_t depthLimit, float quality) {
     TreeStream out(0xFFFFFFFFu, kOutputBlockBytes);
     const float f = static_cast<float>((10.0 - 9.0 * quality) * 0.5057569742202759);
     std::vector<TriRef> rootRefs;
@@ -91,7 +91,7 @@ std::vector<uint8_t> bruteForceTree(const Scene& s, uint32_t depthLimit, float q
         TriRef r{t, {FLT_MAX, FLT_MAX, FLT_MAX}, {-FLT_MAX, -FLT_MAX, -FLT_MAX}};
         for (int k = 0; k < 3; ++k)
             for (int a = 0; a < 3; ++a) {
-                const float x = s.v[3 * s.idx[4 * t + k] + a];
+                const float x = s.corner(t, k)[a];
                 r.mn[a] = std::min(r.mn[a], x);
                 r.mx[a] = std::max(r.mx[a], x);
                 cell.mn[a] = std::min(cell.mn[a], x);
@@ -121,8 +121,7 @@ std::vector<uint8_t> bruteForceTree(const Scene& s, uint32_t depthLimit, float q
                     std::vector<TriRef> rb, ra;
                     for (const auto& r : refs) {
                         double v[3][3];
-                        for (int k = 0; k < 3; ++k)
-                            for (int a = 0; a < 3; ++a) v[k][a] = s.v[3 * s.idx[4 * r.tri + k] + a];
+                        for (int k = 0; k < 9; ++k) v[k / 3][k % 3] = s.corner(r.tri, k / 3)[k % 3];
                         const bool flatHere = r.mn[axis] == r.mx[axis] && r.mn[axis] == p;
                         const bool toBelow = flatHere ? pb[axis] : r.mn[axis] < p;
                         const bool toAbove = flatHere ? !pb[axis] : r.mx[axis] > p;
@@ -156,7 +155,7 @@ std::vector<uint8_t> bruteForceTree(const Scene& s, uint32_t depthLimit, float q
     return bytes;
 }
 
-std::vector<uint8_t> libraryTree(const Scene& s, uint32_t depthLimit, float quality,
+std::vector<uint8_t> libraryTree(const Mesh& s, uint32_t depthLimit, float quality,
                                  uint32_t budget = 0xFFFFFFFFu, uint32_t block = kOutputBlockBytes,
                                  QelStatus* status = nullptr) {
     const CostDrivenInput in = {s.v.data(), s.idx.data(), s.vertexCount(), s.triangleCount(),
@@ -189,12 +188,12 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
           Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
           Case{600, 5, 1.0f, 50}, Case{300, 6, 0.0f, 50}, Case{2600, 12, 1.0f, 50, -5.0f},
           Case{300, 1, 0.5f, 0}, Case{1500, 3, 0.5f, 3}, Case{0, 5, 1.0f, 16}}) {
-        const Scene s =
-            c.n ? kdtest::randomScene(c.n, c.seed, c.shift) : kdtest::coplanarScene(40, c.seed);
+        const Mesh s =
+            c.n ? qelr_test::randomScene(c.n, c.seed, c.shift) : qelr_test::coplanarScene(40, c.seed);
         const std::vector<uint8_t> expect = bruteForceTree(s, c.depth, c.quality);
         // Through the public call, with the smallest budget it accepts, 32 MB,
         // and the full validator (completeness and leaf overlaps included).
-        const auto got = kdtest::buildTree(s, kdtest::costDriven(c.depth, c.quality, 32));
+        const auto got = qelr_test::buildTree(s, qelr_test::costDriven(c.depth, c.quality, 32));
         EXPECT_EQ(got.info.error, "") << c.n << " " << c.seed;
         EXPECT_EQ(got.bytes, expect) << c.n << " " << c.seed;
     }
@@ -236,7 +235,7 @@ TEST(KDTreeRules, InlineLeafEncoding) {
 // gives the same tree; one byte less stops the build. A budget of half the
 // coplanar tree (which grows with depth) stops it too.
 TEST(KDTreeRules, OutputBlocksChargedToTheBudget) {
-    const Scene s = kdtest::randomScene(300, 8);
+    const Mesh s = qelr_test::randomScene(300, 8);
     const std::vector<uint8_t> expect = libraryTree(s, 50, 1.0f);
     const uint32_t block = kOutputBlockHeaderBytes + 1024;
     uint32_t blocks = 1;
@@ -252,7 +251,7 @@ TEST(KDTreeRules, OutputBlocksChargedToTheBudget) {
     EXPECT_EQ(st, qelErrMemoryBudget);
     libraryTree(s, 50, 1.0f, blocks * block + block - 1, block, &st);
     EXPECT_EQ(st, qelOk);
-    const Scene flat = kdtest::coplanarScene(40, 5);
+    const Mesh flat = qelr_test::coplanarScene(40, 5);
     libraryTree(flat, 16, 1.0f, uint32_t(libraryTree(flat, 16, 1.0f).size()) / 2, block, &st);
     EXPECT_EQ(st, qelErrMemoryBudget);
 }

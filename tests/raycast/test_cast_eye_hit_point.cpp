@@ -36,7 +36,7 @@ TEST(HitPoint, DyadicRaysGiveExactPointsAndMissesZero) {
         for (float eps : {1.0f, 0.5f, 0.999f}) {
             Planes r(shift);  // directions in pack 0, origins in pack 1, distances in plane 3
             for (int i = 0; i < 64; ++i) {
-                for (int k = 0; k < 6; ++k) r.p(k)[i] = float(int(rng() % 33) - 16) / 8;
+                for (int k = 0; k < 12; ++k) r.p(k)[i] = float(int(rng() % 33) - 16) / 8;
                 r.mask()[i] = i % 3 == 0 || i / 4 == 5 ? -1 : i;
             }
             ASSERT_EQ(

@@ -1,9 +1,10 @@
-// Ray-scene intersection against a double-precision brute-force oracle
-// (every triangle intersected from its vertices, no tree, no records), on both
-// paths (the packet path is taken for aligned planes whose width and height
-// are multiples of 4, the one-ray path for planes shifted by one element or of
-// other widths), over trees of every node form. Every call runs on both
-// instruction-set variants (and team sizes 1 and 3), which must give the same bytes.
+// Ray-scene intersection against a double-precision brute-force oracle (every
+// triangle intersected from its vertices, no tree, no records) on both paths
+// (the packet path for aligned planes whose width and height are multiples of
+// 4, the one-ray path otherwise), over validated trees of the library's builder
+// that hold every node form. Every call runs on both instruction-set variants
+// (and team sizes 1 and 3), which must give the same bytes, and each ray traced
+// alone gets the bytes it got among the others on the one-ray path.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>
@@ -16,7 +17,7 @@
 #include <vector>
 
 #include "core/dispatch.h"
-#include "scene_util.h"
+#include "kdtree_check.h"
 #include "test_util.h"
 
 using namespace qelr_test;
@@ -24,8 +25,8 @@ using qelr::frame::Isa;
 
 namespace {
 
-// Runs trace(isa) on every variant the processor runs (SSE3 on one thread,
-// AVX2 on three) and expects equal results; returns the SSE3 one.
+// Runs trace(isa) on SSE3 with one thread and AVX2 (where it runs) with three,
+// expects equal results and returns the SSE3 one.
 template <class F>
 auto onEveryVariant(F&& trace) {
     ThreadCountGuard guard;
@@ -38,88 +39,139 @@ auto onEveryVariant(F&& trace) {
     return first;
 }
 
-// Agreed tolerances of the float paths against the double oracle: relative
-// distance (the one-ray quotient is within an ulp or two, the packet's refined
-// reciprocal within a few), barycentric weights, and how far inside a
-// triangle (in weights) a hit must lie before every path must find it.
+// Tolerances of the float paths against the double oracle: relative distance
+// (the packet's refined reciprocal is within a few ulps), barycentric weights,
+// and how far inside a triangle (in weights) a hit must lie before every path
+// must find it.
 constexpr double kDistTol = 1e-5, kWeightTol = 2e-4, kEdgeMargin = 1e-4;
 constexpr int kPacket = 0, kOneRay = 1;  // plane shifts that select the two paths
 
-// A mesh, its records and box, and a tree: the context points into them, so
-// scenes are kept in a deque (never moved).
+// n random triangles of about `size` inside [-1, 1]^3; every 17th collinear
+// (its record is all zero and never hit).
+Mesh randomMesh(int n, float size, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> pos(-1.0f, 1.0f), off(-size, size);
+    Mesh m;
+    for (int t = 0; t < n; ++t) {
+        float c[3], v[3][3];
+        for (float& x : c) x = pos(rng);
+        for (auto& p : v)
+            for (int a = 0; a < 3; ++a) p[a] = c[a] + off(rng);
+        for (int a = 0; a < 3 && t % 17 == 5; ++a) v[2][a] = 0.5f * (v[0][a] + v[1][a]);
+        m.add(v[0], v[1], v[2]);
+    }
+    return m;
+}
+
+// The exact oracle: every triangle intersected in double from its vertices,
+// with the smallest barycentric weight, so that a caller can tell hits the
+// float arithmetic must find from those within rounding of an edge.
+struct ExactHit {
+    int index;
+    double t, u, v;  // u, v: the weights of the first and second vertex
+    double margin;
+};
+
+std::vector<ExactHit> exactHits(const Mesh& m, const float o[3], const float d[3]) {
+    auto cross = [](const double* x, const double* y, double* z) {
+        for (int a = 0; a < 3; ++a)
+            z[a] = x[(a + 1) % 3] * y[(a + 2) % 3] - x[(a + 2) % 3] * y[(a + 1) % 3];
+    };
+    auto dot = [](const double* x, const double* y) {
+        return x[0] * y[0] + x[1] * y[1] + x[2] * y[2];
+    };
+    std::vector<ExactHit> hits;
+    for (int tri = 0; tri < m.triangleCount(); ++tri) {
+        double e1[3], e2[3], s[3], n[3], dd[3] = {d[0], d[1], d[2]}, pv[3], qv[3];
+        for (int a = 0; a < 3; ++a) {
+            const double p0 = m.corner(tri, 0)[a];
+            e1[a] = m.corner(tri, 1)[a] - p0;
+            e2[a] = m.corner(tri, 2)[a] - p0;
+            s[a] = o[a] - p0;
+        }
+        cross(e1, e2, n);
+        if (dot(n, n) < 1e-14) continue;  // collinear: the library never hits it
+        cross(dd, e2, pv);
+        const double det = dot(e1, pv);
+        if (det == 0.0) continue;
+        cross(s, e1, qv);
+        const double b1 = dot(s, pv) / det, b2 = dot(dd, qv) / det, t = dot(e2, qv) / det;
+        hits.push_back({tri, t, 1.0 - b1 - b2, b1, std::min({1.0 - b1 - b2, b1, b2})});
+    }
+    return hits;
+}
+
+// A mesh, its records, box and tree: the context points into them, so scenes
+// are kept in a deque (never moved).
 struct Scene {
     Mesh mesh;
     std::vector<TriangleAccel> rec;
-    std::vector<float> box;
+    std::vector<float> box = std::vector<float>(6);
     std::vector<int32_t> words;
     QelTraceScene ctx{};
-    Scene(Mesh m, std::vector<int32_t> tree)
-        : mesh(std::move(m)), rec(mesh.triangles()), box(6), words(std::move(tree)) {
-        qelrTriangleAccelInit(rec.data(), mesh.vertices.data(), mesh.indices.data(), mesh.triangles());
-        qelrSetBoundBox_32f(mesh.vertices.data(), int(mesh.vertices.size() / 3), box.data());
+    // leafForms counts the leaves: empty, listed, inline of 1, 2 and 3 triangles.
+    Scene(Mesh m, const KDTreeBuildParams& p, int* leafForms = nullptr)
+        : mesh(std::move(m)), rec(mesh.triangleCount()) {
+        const BuiltTree tree = buildTree(mesh, p);
+        EXPECT_EQ(tree.info.error, "");
+        for (const auto& l : tree.info.leaves)
+            if (leafForms) ++leafForms[l.tris.empty() ? 0 : l.isInline ? l.tris.size() + 1 : 1];
+        words.resize(tree.bytes.size() / 4);
+        std::memcpy(words.data(), tree.bytes.data(), tree.bytes.size());
+        qelrTriangleAccelInit(rec.data(), mesh.v.data(), mesh.idx.data(), mesh.triangleCount());
+        qelrSetBoundBox_32f(mesh.v.data(), mesh.vertexCount(), box.data());
         ctx = {box.data(), rec.data(), reinterpret_cast<const KDTreeNode*>(words.data())};
     }
     Scene(const Scene&) = delete;
 };
 
-// Rays: width x height; origin, direction, distance and mask per element.
-struct Rays {
-    int w, h;
-    std::vector<float> o[3], d[3], dist;
-    std::vector<int> mask;
-    size_t n() const { return size_t(w) * h; }
-    void add(const float* org, const float* dir, float maxDist, int m = 0) {
-        for (int c = 0; c < 3; ++c) o[c].push_back(org[c]), d[c].push_back(dir[c]);
-        dist.push_back(maxDist);
-        mask.push_back(m);
-    }
-    void get(size_t i, float org[3], float dir[3]) const {
-        for (int c = 0; c < 3; ++c) org[c] = o[c][i], dir[c] = d[c][i];
-    }
-    Rays one(size_t i) const {  // ray i alone, in a pack of one
-        Rays r{1, 1, {}, {}, {}, {}};
-        float org[3], dir[3];
-        get(i, org, dir);
-        r.add(org, dir, dist[i], mask[i]);
-        return r;
-    }
+struct Ray {
+    float o[3], d[3], dist;
+    int mask;
 };
 
-// Camera-like rays from one origin outside the scene, with random spread and
-// a few special directions (axis-parallel, -0.0, tiny negative components).
+struct Rays {
+    int w, h;
+    std::vector<Ray> r;
+    size_t n() const { return r.size(); }
+    Rays one(size_t i) const { return {1, 1, {r[i]}}; }  // ray i alone, in a pack of one
+};
+
+// Camera-like rays from one origin outside the scene (or each from its own),
+// with random spread and a few special directions (axis-parallel, -0.0, tiny).
 Rays cameraRays(int w, int h, uint32_t seed, bool ownOrigins, bool coherent = false) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    Rays r{w, h, {}, {}, {}, {}};
+    Rays r{w, h, {}};
     for (int i = 0; i < w * h; ++i) {
-        float o[3] = {0.1f, -0.2f, -3.0f}, d[3];
+        Ray x{{0.1f, -0.2f, -3.0f}, {}, i % 9 == 4 ? 0.0f : i % 9 == 6 ? 2.5f : 1e30f, 0};
         if (ownOrigins)
-            for (float& x : o) x = 1.3f * u(rng);
-        for (float& x : d) x = u(rng);
-        if (!ownOrigins) d[2] = 1.0f + 0.2f * u(rng);
+            for (float& c : x.o) c = 1.3f * u(rng);
+        for (float& c : x.d) c = u(rng);
+        if (!ownOrigins) x.d[2] = 1.0f + 0.2f * u(rng);
         if (coherent)  // a smooth fan of one octant per tile, as from a camera
-            d[0] = -0.45f + 0.9f * (i % w) / w, d[1] = -0.45f + 0.9f * (i / w) / h, d[2] = 1.0f;
-        if (i % 23 == 3) d[0] = 0.0f;
-        if (i % 23 == 7) d[1] = -0.0f;
-        if (i % 23 == 11) d[0] = -1e-8f, d[1] = 1e-9f;
-        if (i % 23 == 13) d[0] = d[1] = 0.0f;
-        r.add(o, d, i % 9 == 4 ? 0.0f : i % 9 == 6 ? 2.5f : 1e30f);
+            x.d[0] = -0.45f + 0.9f * (i % w) / w, x.d[1] = -0.45f + 0.9f * (i / w) / h,
+            x.d[2] = 1.0f;
+        if (i % 23 == 3) x.d[0] = 0.0f;
+        if (i % 23 == 7) x.d[1] = -0.0f;
+        if (i % 23 == 11) x.d[0] = -1e-8f, x.d[1] = 1e-9f;
+        if (i % 23 == 13) x.d[0] = x.d[1] = 0.0f;
+        r.r.push_back(x);
     }
     return r;
 }
 
-// Shadow rays from a light to points in the scene box; masks partly negative.
+// Shadow rays from a light to points in the scene box; masks i.
 Rays shadowRays(int w, int h, uint32_t seed, bool oneOctant) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    Rays r{w, h, {}, {}, {}, {}};
-    const float light[3] = {0.2f, 1.6f, -0.3f};
+    Rays r{w, h, {}};
     for (int i = 0; i < w * h; ++i) {
-        float d[3] = {u(rng), u(rng), u(rng)};
-        if (!oneOctant && i % 2) d[1] = 2.5f;  // some rays go up
-        if (oneOctant) d[0] = 0.3f + 0.5f * std::fabs(d[0]), d[2] = std::fabs(d[2]);
-        for (int c = 0; c < 3; ++c) d[c] -= light[c];
-        r.add(light, d, 0.0f, i);
+        Ray x{{0.2f, 1.6f, -0.3f}, {u(rng), u(rng), u(rng)}, 0.0f, i};
+        if (!oneOctant && i % 2) x.d[1] = 2.5f;  // some rays go up
+        if (oneOctant) x.d[0] = 0.3f + 0.5f * std::fabs(x.d[0]), x.d[2] = std::fabs(x.d[2]);
+        for (int c = 0; c < 3; ++c) x.d[c] -= x.o[c];
+        r.r.push_back(x);
     }
     return r;
 }
@@ -138,6 +190,17 @@ struct Result {
     }
 };
 
+// A plane of n elements starting `shift` elements past a 16-byte boundary.
+template <class T>
+struct Plane {
+    std::vector<T> buf;
+    T* p;
+    Plane(size_t n, int shift, T fill = T()) : buf(n + 8, fill) {
+        p = buf.data() + (16 - reinterpret_cast<uintptr_t>(buf.data()) % 16) % 16 / sizeof(T) +
+            shift;
+    }
+};
+
 // One call on planes shifted by `shift`; the outputs of `layers` layers (at
 // least one plane's worth, so that layer counts below 1 show what they write).
 Result trace(const Scene& s, const Rays& r, Fn fn, int shift, Isa isa, int layers = 1) {
@@ -147,53 +210,58 @@ Result trace(const Scene& s, const Rays& r, Fn fn, int shift, Isa isa, int layer
     Plane<float> dist(all, shift, 123.0f), u(all, shift, -5.0f), v(all, shift, -5.0f);
     Plane<int> index(all, shift, 77), mask(n, shift);
     for (size_t i = 0; i < n; ++i) {
-        for (int c = 0; c < 3; ++c) o[c][i] = r.o[c][i], d[c][i] = r.d[c][i];
-        dist[i] = r.dist[i];
-        mask[i] = r.mask[i];
+        for (int c = 0; c < 3; ++c) o[c].p[i] = r.r[i].o[c], d[c].p[i] = r.r[i].d[c];
+        dist.p[i] = r.r[i].dist;
+        mask.p[i] = r.r[i].mask;
     }
-    const float* const op[3] = {o[0].data(), o[1].data(), o[2].data()};
-    const float* const dp[3] = {d[0].data(), d[1].data(), d[2].data()};
-    float* const uv[2] = {u.data(), v.data()};
-    const float origin[3] = {r.o[0][0], r.o[1][0], r.o[2][0]};
+    const float* const op[3] = {o[0].p, o[1].p, o[2].p};
+    const float* const dp[3] = {d[0].p, d[1].p, d[2].p};
+    float* const uv[2] = {u.p, v.p};
     const QelLayeredSize size{r.w, r.h, layers};
     QelTraceScene ctx = s.ctx;
-    QelStatus st;
-    if (fn == kSO) {
-        st = QELR_VARIANT(isa, qelrIntersectEyeSO_32f)(origin, dp, dist.data(), uv, index.data(),
-                                                       &ctx, {r.w, r.h});
-    } else if (fn == kMO) {
-        st = QELR_VARIANT(isa, qelrIntersectMO_32f)(op, dp, dist.data(), uv, index.data(), &ctx,
-                                                    {r.w, r.h});
-    } else if (fn == kLayers) {
-        st = QELR_VARIANT(isa, qelrIntersectMultipleSO_32f)(origin, dp, dist.data(), uv,
-                                                            index.data(), &size, &ctx);
-    } else {
-        ctx.bounds = nullptr;  // the any-hit form does not read the box
-        st = QELR_VARIANT(isa, qelrIntersectAnySO_32f)(origin, dp, index.data(), mask.data(),
-                                                       {r.w, r.h}, &ctx);
-    }
+    if (fn == kAny) ctx.bounds = nullptr;  // the any-hit form does not read the box
+    const QelStatus st = fn == kSO ? QELR_VARIANT(isa, qelrIntersectEyeSO_32f)(
+                                         r.r[0].o, dp, dist.p, uv, index.p, &ctx, {r.w, r.h})
+                         : fn == kMO ? QELR_VARIANT(isa, qelrIntersectMO_32f)(
+                                           op, dp, dist.p, uv, index.p, &ctx, {r.w, r.h})
+                         : fn == kLayers ? QELR_VARIANT(isa, qelrIntersectMultipleSO_32f)(
+                                               r.r[0].o, dp, dist.p, uv, index.p, &size, &ctx)
+                                         : QELR_VARIANT(isa, qelrIntersectAnySO_32f)(
+                                               r.r[0].o, dp, index.p, mask.p, {r.w, r.h}, &ctx);
     EXPECT_EQ(st, qelOk);
-    Result out;
-    for (size_t i = 0; i < all; ++i) {
-        out.dist.push_back(dist[i]);
-        out.u.push_back(u[i]);
-        out.v.push_back(v[i]);
-        out.index.push_back(index[i]);
-    }
-    for (size_t i = 0; i < n; ++i) out.mask.push_back(mask[i]);
-    return out;
+    return {{dist.p, dist.p + all},
+            {u.p, u.p + all},
+            {v.p, v.p + all},
+            {index.p, index.p + all},
+            {mask.p, mask.p + n}};
 }
 
 Result trace(const Scene& s, const Rays& r, Fn fn, int shift, int layers = 1) {
     return onEveryVariant([&](Isa isa) { return trace(s, r, fn, shift, isa, layers); });
 }
 
-// The hits of one ray that a float path must find (well inside a triangle,
-// well inside 0 < t < limit), and those it may find (within rounding of an
-// edge or of either end).
+// Each ray traced alone (a pack of one, aligned or not) gets the bytes it got
+// in `group` from the one-ray path.
+void expectAlone(const Scene& s, const Rays& r, Fn fn, const Result& group, int layers = 1) {
+    const size_t n = r.n();
+    for (size_t i = 0; i < n; ++i) {
+        Result want{{}, {}, {}, {}, {group.mask[i]}};
+        for (size_t at = i; at < n * layers; at += n) {
+            want.dist.push_back(group.dist[at]);
+            want.u.push_back(group.u[at]);
+            want.v.push_back(group.v[at]);
+            want.index.push_back(group.index[at]);
+        }
+        EXPECT_TRUE(trace(s, r.one(i), fn, int(i % 2), Isa::sse3, layers) == want)
+            << "fn " << fn << " ray " << i;
+    }
+}
+
+// The hits of one ray that a float path may find (within rounding of an edge
+// or of either end included), and the nearest one every path must find.
 struct Expected {
     std::vector<ExactHit> all;
-    double nearestSure = INFINITY;  // the nearest hit every path must see
+    double nearestSure = INFINITY;
     const ExactHit* find(int tri) const {
         for (const ExactHit& h : all)
             if (h.index == tri) return &h;
@@ -201,11 +269,9 @@ struct Expected {
     }
 };
 
-Expected expected(const Mesh& m, const Rays& r, size_t i, double limit) {
-    float o[3], d[3];
-    r.get(i, o, d);
+Expected expected(const Mesh& m, const Ray& r, double limit) {
     Expected e;
-    for (const ExactHit& h : exactHits(m, o, d)) {
+    for (const ExactHit& h : exactHits(m, r.o, r.d)) {
         if (h.margin < -kEdgeMargin || h.t <= 0 || h.t >= limit * (1 + kDistTol)) continue;
         e.all.push_back(h);
         if (h.margin > kEdgeMargin && h.t > kDistTol && h.t < limit * (1 - kDistTol))
@@ -214,10 +280,9 @@ Expected expected(const Mesh& m, const Rays& r, size_t i, double limit) {
     return e;
 }
 
-// Checks one hit (index, t, weights) of a ray against the oracle: a
-// triangle the ray meets, no sure hit nearer, the distance and weights of
-// that triangle. With tri < 0, that no hit was sure; with t NaN (any-hit),
-// only that the triangle is on the ray.
+// One hit (index, t, weights) against the oracle: a triangle on the ray, no
+// sure hit nearer, its distance and weights. With tri < 0, that no hit was
+// sure; with t NaN (any-hit), only that the triangle is on the ray.
 void expectHit(const Expected& e, int tri, double t, double u, double v, const char* what,
                size_t ray) {
     SCOPED_TRACE(testing::Message() << what << " ray " << ray);
@@ -238,52 +303,45 @@ void expectHit(const Expected& e, int tri, double t, double u, double v, const c
 void expectOracle(const Scene& s, const Rays& r, const Result& got, const char* what) {
     int hits = 0;
     for (size_t i = 0; i < r.n(); ++i) {
-        expectHit(expected(s.mesh, r, i, r.dist[i]), got.index[i], got.dist[i], got.u[i], got.v[i],
-                  what, i);
+        expectHit(expected(s.mesh, r.r[i], r.r[i].dist), got.index[i], got.dist[i], got.u[i],
+                  got.v[i], what, i);
         hits += got.index[i] >= 0;
         if (got.index[i] < 0) {
-            EXPECT_EQ(got.dist[i], r.dist[i]) << what << " ray " << i;
+            EXPECT_EQ(got.dist[i], r.r[i].dist) << what << " ray " << i;
             EXPECT_EQ(got.u[i], -5.0f) << what << " ray " << i;  // uv only for hits
         }
     }
     EXPECT_GT(hits * 20, int(r.n())) << what;  // the scene is actually hit
 }
 
-// A tree from the library's builder, copied out of its block (the node
-// format holds only relative offsets).
-std::vector<int32_t> builtTree(const Mesh& m, uint32_t algorithm) {
-    KDTreeNode* tree = nullptr;
-    int bytes = 0;
-    const KDTreeBuildParams params{algorithm, 50, 1.0f, 64, 0};
-    EXPECT_EQ(qelrKDTreeBuildAlloc(&tree, m.vertices.data(), m.indices.data(),
-                                   static_cast<int>(m.vertices.size() / 3), m.triangles(), &bytes,
-                                   &params),
-              qelOk);
-    std::vector<int32_t> words(bytes / 4);
-    std::memcpy(words.data(), tree, bytes);
-    qelrKDTreeFree(tree);
-    return words;
-}
-
+// Trees of the cost-driven builder (deep, and shallow with large listed
+// leaves) and the single-leaf tree over two random meshes with a far triangle
+// (leaves empty space), and a mesh with a closed box (shared edges and corners).
 const std::deque<Scene>& scenes() {
     static const std::deque<Scene> all = [] {
         std::deque<Scene> out;
+        int forms[5] = {};
+        const KDTreeBuildParams deep{qelKdCostDriven, 50, 1.0f, 64, 0},
+            shallow{qelKdCostDriven, 9, 0.0f, 64, 0}, single{qelKdSingleLeaf, 50, 1.0f, 64, 0};
         for (uint32_t seed : {1u, 2u}) {
             Mesh m = randomMesh(400, 0.3f, seed);
-            const float far[3][3] = {{4, 4, 4}, {4.1f, 4, 4}, {4, 4.1f, 4}};  // leaves empty space
+            const float far[3][3] = {{4, 4, 4}, {4.1f, 4, 4}, {4, 4.1f, 4}};
             m.add(far[0], far[1], far[2]);
-            for (int maxLeaf : {1, 3, 6}) {
-                TestTree t(m, maxLeaf, 30, seed * 10 + maxLeaf);
-                for (int f = 0; f < 5; ++f) EXPECT_GT(t.leafForms[f], 0) << "leaf form " << f;
-                out.emplace_back(m, t.words());
-            }
-            out.emplace_back(m, TestTree::singleLeaf(m.triangles()));
-            out.emplace_back(m, builtTree(m, qelKdCostDriven));
-            out.emplace_back(m, builtTree(m, qelKdSingleLeaf));
+            for (const KDTreeBuildParams& p : {deep, shallow, single})
+                out.emplace_back(m, p, forms);
         }
         Mesh both = randomMesh(40, 0.3f, 9);
-        addBox(both, -0.5f, 0.5f);  // shared edges and corners
-        out.emplace_back(both, TestTree(both, 2, 30, 5).words());
+        float p[8][3];
+        for (int i = 0; i < 8; ++i)
+            for (int a = 0; a < 3; ++a) p[i][a] = (i >> a) & 1 ? 0.5f : -0.5f;
+        const int faces[6][4] = {{0, 1, 3, 2}, {4, 6, 7, 5}, {0, 4, 5, 1},
+                                 {2, 3, 7, 6}, {0, 2, 6, 4}, {1, 5, 7, 3}};
+        for (const auto& f : faces) {
+            both.add(p[f[0]], p[f[1]], p[f[2]]);
+            both.add(p[f[0]], p[f[2]], p[f[3]]);
+        }
+        out.emplace_back(both, deep, forms);
+        for (int f = 0; f < 5; ++f) EXPECT_GT(forms[f], 0) << "leaf form " << f;
         return out;
     }();
     return all;
@@ -297,8 +355,10 @@ TEST(IntersectNearest, MatchesOracleOnBothPathsAndBothOriginForms) {
         for (Fn fn : {kSO, kMO})
             for (bool coherent : {false, true}) {
                 const Rays r = cameraRays(16, 12, ++seed, fn == kMO, coherent);
-                expectOracle(s, r, trace(s, r, fn, kOneRay), fn == kMO ? "MO one-ray" : "SO one-ray");
+                const Result oneRay = trace(s, r, fn, kOneRay);
+                expectOracle(s, r, oneRay, fn == kMO ? "MO one-ray" : "SO one-ray");
                 expectOracle(s, r, trace(s, r, fn, kPacket), fn == kMO ? "MO packet" : "SO packet");
+                expectAlone(s, r, fn, oneRay);
             }
 }
 
@@ -309,23 +369,24 @@ TEST(IntersectAny, MatchesOracleWithCachedOccluderAndBothPacketSizes) {
             Rays r = shadowRays(16, 8, ++seed, oneOctant);
             // Some rows of the tiles left out entirely: packets of fewer rows.
             for (size_t i = 0; i < r.n(); ++i)
-                if (i % 5 == 2 || (oneOctant && (i / r.w) % 4 == 1 && i % 8 < 4)) r.mask[i] = -3;
-            r.mask[48] = -1;  // the probe is the second ray of the fourth row
+                if (i % 5 == 2 || (oneOctant && (i / r.w) % 4 == 1 && i % 8 < 4)) r.r[i].mask = -3;
+            r.r[48].mask = -1;  // the probe is the second ray of the fourth row
             for (int shift : {kOneRay, kPacket}) {
                 const Result got = trace(s, r, kAny, shift);
                 int blocked = 0;
                 for (size_t i = 0; i < r.n(); ++i) {
-                    if (r.mask[i] < 0) {
+                    if (r.r[i].mask < 0) {
                         EXPECT_EQ(got.index[i], -1);
-                        EXPECT_EQ(got.mask[i], r.mask[i]);
+                        EXPECT_EQ(got.mask[i], r.r[i].mask);
                         continue;
                     }
-                    expectHit(expected(s.mesh, r, i, 1.0), got.index[i], NAN, 0, 0,
+                    expectHit(expected(s.mesh, r.r[i], 1.0), got.index[i], NAN, 0, 0,
                               shift ? "one-ray" : "packet", i);
-                    EXPECT_EQ(got.mask[i], got.index[i] >= 0 ? -1 : r.mask[i]) << i;
+                    EXPECT_EQ(got.mask[i], got.index[i] >= 0 ? -1 : r.r[i].mask) << i;
                     blocked += got.index[i] >= 0;
                 }
                 EXPECT_GT(blocked, 5);
+                if (shift == kOneRay) expectAlone(s, r, kAny, got);
             }
         }
     }
@@ -339,7 +400,7 @@ TEST(Intersect, EdgeCasesOnOneTriangle) {
     const float p[3] = {5, 5, 5}, q[3] = {6, 6, 6}, r[3] = {7, 7, 7};
     m.add(a, b, c);
     m.add(p, q, r);
-    const Scene s(m, TestTree::singleLeaf(2));
+    const Scene s(m, {qelKdSingleLeaf, 50, 1.0f, 64, 0});
     struct Case {
         Fn fn;
         float o[3], d[3], dist;
@@ -355,16 +416,14 @@ TEST(Intersect, EdgeCasesOnOneTriangle) {
              Case{kAny, {0.25f, 0.5f, 0}, {0, 0, 0.9f}, 0, -1, false},
              Case{kAny, {0.25f, 0.5f, 0}, {0, 0, 1.0f}, 0, -1, true},  // strict: t < 1
          }) {
-        Rays rays{4, 4, {}, {}, {}, {}};
-        for (int i = 0; i < 16; ++i) rays.add(k.o, k.d, k.dist);
+        const Ray x{{k.o[0], k.o[1], k.o[2]}, {k.d[0], k.d[1], k.d[2]}, k.dist, 0};
+        const Rays rays{4, 4, std::vector<Ray>(16, x)};
         for (int shift : {kOneRay, kPacket}) {
             if (shift == kPacket && k.oneRayOnly) continue;
             const Result got = trace(s, rays, k.fn, shift);
             SCOPED_TRACE(testing::Message() << "fn " << k.fn << " shift " << shift);
             EXPECT_EQ(got.index[5], k.hit);
-            if (k.fn == kAny) {
-                EXPECT_EQ(got.mask[5], k.hit < 0 ? 0 : -1);
-            }
+            EXPECT_EQ(got.mask[5], k.fn == kAny && k.hit >= 0 ? -1 : 0);
             if (k.fn == kAny || k.hit < 0) continue;
             EXPECT_FLOAT_EQ(got.dist[5], 1.0f);
             EXPECT_NEAR(got.u[5], 0.4375f, 1e-6f);  // 1 - x-weight (1.25 / 4) - y-weight (1 / 4)
@@ -383,43 +442,45 @@ TEST(Intersect, EdgeCasesOnOneTriangle) {
 
 namespace {
 
-// Layers against the oracle, from the rules: layer 0 is the nearest hit;
-// each later layer is a triangle further along the same ray, none twice, at
-// its cumulative distance from the first origin; the layers stop early only
-// when every triangle the ray surely meets was reported; after a miss the
-// caller's distances stay. Both variants and both alignments: the same bytes.
+// Layers against the oracle: layer 0 is the nearest hit; each later layer a
+// triangle further along the same ray, none twice, at its cumulative distance
+// from the first origin; the layers stop early only when every triangle the
+// ray surely meets was reported; after a miss the caller's distances stay.
+// Both alignments give the same bytes, and so does each ray alone.
 void expectLayers(const Scene& s, const Rays& r, int layers) {
     const size_t n = r.n();
     const Result got = trace(s, r, kLayers, kPacket, layers);
     EXPECT_TRUE(got == trace(s, r, kLayers, kOneRay, Isa::sse3, layers)) << "alignments differ";
+    expectAlone(s, r, kLayers, got, layers);
     for (size_t i = 0; i < n; ++i) {
-        const Expected first = expected(s.mesh, r, i, r.dist[i]);
-        const Expected beyond = expected(s.mesh, r, i, INFINITY);
+        const Expected first = expected(s.mesh, r.r[i], r.r[i].dist),
+                       beyond = expected(s.mesh, r.r[i], INFINITY);
         std::vector<int> seen;
         int h = 0;
-        for (; h < layers; ++h) {
+        for (; h < layers && got.index[i + h * n] >= 0; ++h) {
             const size_t at = i + h * n;
-            if (got.index[at] < 0) break;
             const ExactHit* hit = (h == 0 ? first : beyond).find(got.index[at]);
             ASSERT_NE(hit, nullptr) << "ray " << i << " layer " << h;
-            EXPECT_NEAR(got.dist[at], hit->t, 4 * kDistTol * (1 + hit->t)) << "ray " << i << " layer " << h;
+            EXPECT_NEAR(got.dist[at], hit->t, 4 * kDistTol * (1 + hit->t))
+                << "ray " << i << " layer " << h;
             EXPECT_NEAR(got.u[at], hit->u, kWeightTol);
             EXPECT_NEAR(got.v[at], hit->v, kWeightTol);
-            if (h == 0) expectHit(first, got.index[at], got.dist[at], got.u[at], got.v[at], "layer 0", i);
+            if (h == 0)
+                expectHit(first, got.index[at], got.dist[at], got.u[at], got.v[at], "layer 0", i);
             EXPECT_EQ(std::count(seen.begin(), seen.end(), got.index[at]), 0) << "ray " << i;
             seen.push_back(got.index[at]);
         }
-        if (h < layers) {  // a miss: nothing sure was left out, the rest untouched
-            EXPECT_EQ(got.dist[i + h * n], h == 0 ? r.dist[i] : FLT_MAX);
-            for (const ExactHit& x : beyond.all)
-                if (x.margin > kEdgeMargin && x.t > kDistTol && (h > 0 || x.t < r.dist[i])) {
-                    EXPECT_NE(std::count(seen.begin(), seen.end(), x.index), 0)
-                        << "ray " << i << " missed triangle " << x.index;
-                }
-            for (int k = h + 1; k < layers; ++k) {
-                EXPECT_EQ(got.index[i + k * n], -1);
-                EXPECT_EQ(got.dist[i + k * n], 123.0f);
-            }
+        if (h == layers) continue;
+        EXPECT_EQ(got.dist[i + h * n], h == 0 ? r.r[i].dist : FLT_MAX);  // a miss
+        for (const ExactHit& x : beyond.all) {  // nothing sure was left out
+            const bool sure =
+                x.margin > kEdgeMargin && x.t > kDistTol && (h > 0 || x.t < r.r[i].dist);
+            EXPECT_TRUE(!sure || std::count(seen.begin(), seen.end(), x.index))
+                << "ray " << i << " missed " << x.index;
+        }
+        for (int k = h + 1; k < layers; ++k) {  // the rest untouched
+            EXPECT_EQ(got.index[i + k * n], -1);
+            EXPECT_EQ(got.dist[i + k * n], 123.0f);
         }
     }
 }
@@ -440,43 +501,7 @@ TEST(IntersectMultiple, LayersMatchOracle) {
         const float z = 0.1f * k, a[3] = {-1, -1, z}, b[3] = {3, -1, z}, c[3] = {-1, 3, z};
         stack.add(a, b, c);
     }
-    const Scene planes(stack, TestTree(stack, 2, 30, 3).words());
-    Rays r{4, 4, {}, {}, {}, {}};
-    const float o[3] = {0.1f, 0.2f, -1.0f}, d[3] = {0.01f, 0.02f, 1.0f};
-    for (int i = 0; i < 16; ++i) r.add(o, d, 1e30f);
-    expectLayers(planes, r, 14);
-}
-
-// The one-ray path runs several rays at a time on the vector lanes, the rest
-// one by one: each ray gets the bytes it gets alone (a pack of one, on planes
-// shifted by one), for every function, with neighbours of other octants,
-// misses and masked rays. The packs of 9 x 5 are aligned: the one-ray path
-// must not depend on alignment either.
-TEST(IntersectOneRay, RaysInGroupsGiveTheirOwnBits) {
-    uint32_t seed = 700;
-    for (const Scene& s : scenes()) {
-        ++seed;
-        Rays shadow = shadowRays(9, 5, seed, false);
-        for (size_t i = 0; i < shadow.n(); ++i)
-            if (i % 7 == 3) shadow.mask[i] = -2;
-        for (Fn fn : {kSO, kMO, kAny, kLayers}) {
-            const Rays r = fn == kAny ? shadow : cameraRays(9, 5, seed, fn == kMO);
-            const int layers = fn == kLayers ? 3 : 1;
-            const size_t n = r.n();
-            const Result group = trace(s, r, fn, kPacket, layers);
-            if (fn == kSO || fn == kMO) expectOracle(s, r, group, "9 x 5");
-            for (size_t i = 0; i < n; ++i) {
-                SCOPED_TRACE(testing::Message() << "fn " << fn << " ray " << i);
-                const Result alone = trace(s, r.one(i), fn, kOneRay, Isa::sse3, layers);
-                Result want{{}, {}, {}, {}, {group.mask[i]}};
-                for (size_t at = i; at < n * layers; at += n) {
-                    want.dist.push_back(group.dist[at]);
-                    want.u.push_back(group.u[at]);
-                    want.v.push_back(group.v[at]);
-                    want.index.push_back(group.index[at]);
-                }
-                EXPECT_TRUE(alone == want);
-            }
-        }
-    }
+    const Scene planes(stack, {qelKdCostDriven, 50, 1.0f, 64, 0});
+    const Ray x{{0.1f, 0.2f, -1.0f}, {0.01f, 0.02f, 1.0f}, 1e30f, 0};
+    expectLayers(planes, {4, 4, std::vector<Ray>(16, x)}, 14);
 }

@@ -1,7 +1,6 @@
-// Triangle and smooth normals against double-precision references (within
-// the rounding of a unit vector, or of the refined reciprocal square root),
-// flat normals as exact copies, and the rules by hand: degenerate triangles,
-// misses, cancelling normals and the float epsilon boundary.
+// Triangle and smooth normals against double-precision references, flat normals
+// as exact copies, and by hand: degenerate triangles, misses, cancelling normals
+// and the float epsilon boundary.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>

@@ -1,8 +1,8 @@
-// Both instruction-set variants of the shading operations and normals, eye
-// rays, hit points, records and scene box on the same planes: the same status
-// and bytes for planes aligned to 32, 16 or 4 bytes, lengths around the vector
-// widths, masks, NaN, infinities and team sizes 1, 3, 4; nothing written past
-// the run or on a failed check; equal paths where the rule is the same.
+// Both instruction-set variants of the shading operations, normals, eye rays,
+// hit points, records and scene box: the same status and bytes for planes
+// aligned to 32, 16 or 4 bytes, lengths around the vector widths, specials and
+// team sizes 1, 3, 4; nothing written past the run or on a failed check; equal
+// paths where the rule is the same.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>

@@ -1,7 +1,6 @@
-// The shading operations against independent oracles on both paths: small
-// integers make every sum and product exact, so double arithmetic gives the
-// expected values (the double square root, rounded, the float one); the
-// division, grazing and masking rules by hand.
+// The shading operations on both paths: small integers make every sum and
+// product exact, so double arithmetic gives the expected values; the division,
+// grazing and masking rules by hand.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>

@@ -1,6 +1,6 @@
-// Ray planes for the shading and ray tests: twelve float planes (four P3 packs) and two int
-// planes starting `shift` elements past a 32-byte boundary (0: every vector
-// path, 4: 16 bytes only, 1: the one-element paths), with guard elements.
+// Ray planes for the shading and ray tests: twelve float planes (four P3 packs)
+// and two int planes starting `shift` elements past a 32-byte boundary (0: every
+// vector path, 4: 16 bytes only, 1: the one-element paths), with guard elements.
 #pragma once
 
 #include <cstdint>
@@ -28,14 +28,10 @@ struct Planes {
     float* const* pack(int k) { return packs[k]; }
     // Whether every plane holds the same bits from element `from` on.
     bool sameFrom(const Planes& o, int from) const {
-        bool same = true;
-        for (int k = 0; k < 14; ++k) {
-            const void* a =
-                k < 12 ? &f[k][shift + from] : static_cast<const void*>(&m[k - 12][shift + from]);
-            const void* b = k < 12 ? &o.f[k][o.shift + from]
-                                   : static_cast<const void*>(&o.m[k - 12][o.shift + from]);
-            same = same && std::memcmp(a, b, 4 * (80 - from)) == 0;
-        }
+        const size_t a = shift + from, b = o.shift + from, bytes = 4 * (80 - from);
+        bool same = std::memcmp(&m[0][a], &o.m[0][b], bytes) == 0 &&
+                    std::memcmp(&m[1][a], &o.m[1][b], bytes) == 0;
+        for (int k = 0; k < 12; ++k) same = same && std::memcmp(&f[k][a], &o.f[k][b], bytes) == 0;
         return same;
     }
 };
