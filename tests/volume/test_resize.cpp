@@ -6,6 +6,7 @@
 #include <sanitizer/asan_interface.h>
 
 #include "test_util.h"
+#include "volume/volume_common.h"
 #include "volume_reference.h"
 
 using namespace volume_test;
@@ -180,6 +181,23 @@ void checkType() {
         for (int mode : kModes)
             for (const Case& c : kCases) checkCase<T>(c, planar, mode, 1 + 13 * int(&c - kCases));
     checkWidthIndependence<T>();
+}
+
+// Resize rounding adds 0.5000001 and truncates, so the float just below a half
+// already rounds up (0.49999994 + 0.5000001 = 1.0000000 in float); the
+// one-element and lane forms agree on every value around each half.
+TEST(Resize, RoundingAroundHalvesOnBothPaths) {
+    using qelr::volume::storeTruncated, qelr::volume::truncateToElement;
+    EXPECT_EQ(truncateToElement<uint8_t>(0.49999994f), 1);
+    EXPECT_EQ(truncateToElement<int16_t>(-0.5f), 0);
+    EXPECT_EQ(truncateToElement<int16_t>(-0.50000006f), 0);  // -5.96e-8 + 1.19e-7 truncates to 0
+    for (float k : {0.0f, 1.0f, 100.0f, 254.0f, -2.0f, 1000.0f}) {
+        alignas(16) const float v[4] = {std::nextafter(k + 0.5f, -1e9f), k + 0.5f, std::nextafter(k + 0.5f, 1e9f),
+                                        k + 0.49999f};
+        alignas(16) int16_t lanes[4];
+        storeTruncated<int16_t, 4>(lanes, qelr::simd::F32<4>::load(v));
+        for (int i = 0; i < 4; ++i) EXPECT_EQ(lanes[i], truncateToElement<int16_t>(v[i])) << v[i];
+    }
 }
 
 TEST(Resize, EveryModeAndLayout8u) { checkType<uint8_t>(); }
