@@ -1,12 +1,11 @@
-// KD-tree build through the public API: checks and statuses, the single-leaf
-// tree, hand-derived splits, validity and completeness of cost-driven trees,
-// and determinism over thread settings.
+// KD-tree build through the public API: the single-leaf tree, hand-derived
+// splits, validity and completeness of cost-driven trees, and determinism over
+// thread settings.
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <qelcore.h>
 #include <qelr.h>
 
-#include <climits>
 #include <cstring>
 
 #include "kdtree_check.h"
@@ -30,54 +29,6 @@ Mesh twoTriangles(const float a[3][3], const float b[3][3]) {
     s.add(a[0], a[1], a[2]);
     s.add(b[0], b[1], b[2]);
     return s;
-}
-
-TEST(KDTreeChecks, StatusesInOrderAndNothingWrittenOnError) {
-    const float v[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
-    const int idx[4] = {0, 1, 2, 0};
-    KDTreeNode* tree = reinterpret_cast<KDTreeNode*>(0x1234);
-    int size = -77;
-    const KDTreeBuildParams ok = costDriven();
-    const uint32_t single = qelKdSingleLeaf, cost = qelKdCostDriven;
-    int row = 0;
-    struct Case {
-        int nulls;  // 1: tree, 2: vertices, 4: indices, 8: size, 16: params
-        int nv, nt;
-        KDTreeBuildParams p;
-        QelStatus want;
-    };
-    // Null pointers come first, then sizes, then params, then by algorithm:
-    // depth before quality before budget; 0x2000 MB << 19 wraps to 0, and
-    // 4096 MB passes the check but is 0 bytes in 32 bits, so no block fits.
-    for (const Case& c : {
-             Case{17, -1, -1, ok, qelErrNullPointer}, Case{2, -1, 1, ok, qelErrNullPointer},
-             Case{4, 3, 1, ok, qelErrNullPointer}, Case{8, 3, 1, ok, qelErrNullPointer},
-             Case{16, -1, 1, ok, qelErrSize}, Case{16, 3, -1, ok, qelErrSize},
-             Case{16, 3, 1, ok, qelErrNullPointer},
-             Case{0, 3, 1, {0x12345678u, 99, -5.0f, 0, 0}, qelErrUnknownAlgorithm},
-             Case{0, 3, 1, {single, 99, -5.0f, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {single, 51, -5.0f, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {cost, 51, -5.0f, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {cost, 50, -5.0f, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {cost, 50, 1.0000001f, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {cost, 50, -0.0000001f, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {cost, 50, NAN, 0, 0}, qelErrParamRange},
-             Case{0, 3, 1, {cost, 50, 1.0f, 0, 0}, qelErrNoMemory},
-             Case{0, 3, 1, {cost, 50, 1.0f, 31, 0}, qelErrNoMemory},
-             Case{0, 3, 1, {cost, 50, 1.0f, 0x2000, 0}, qelErrNoMemory},
-             Case{0, 3, 1, {cost, 50, 1.0f, 4096, 0}, qelErrMemoryBudget},
-             // A single-leaf tree too large for the allocator's 32-bit size.
-             Case{0, 3, INT_MAX, {single, 50, 1.0f, 4096, 0}, qelErrNoMemory},
-         }) {
-        EXPECT_EQ(qelrKDTreeBuildAlloc(c.nulls & 1 ? nullptr : &tree, c.nulls & 2 ? nullptr : v,
-                                       c.nulls & 4 ? nullptr : idx, c.nv, c.nt,
-                                       c.nulls & 8 ? nullptr : &size, c.nulls & 16 ? nullptr : &c.p),
-                  c.want)
-            << "row " << row++;
-    }
-    EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x1234));
-    EXPECT_EQ(size, -77);
-    EXPECT_EQ(qelrKDTreeFree(nullptr), qelOk);
 }
 
 TEST(KDTreeSingleLeaf, LayoutByteForByte) {

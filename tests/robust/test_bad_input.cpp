@@ -179,6 +179,7 @@ const Row kRows[] = {
     RT(4, qelErrParamRange, kd(qelKdCostDriven, 0, kBadQualities[t], 32)),
     R(qelErrParamRange, kd(qelKdCostDriven, 60, 2, 0)),  // range before budget
     RT(3, qelErrNoMemory, kd(qelKdCostDriven, 0, 0, kSmallBudgets[t])),
+    R(qelErrMemoryBudget, kd(qelKdCostDriven, 50, 1, 4096)),  // 4096 MB passes the check, is 0 bytes in 32 bits
     R(qelErrUnknownAlgorithm, kd(0, 0, 0, 32)),
     R(qelErrUnknownAlgorithm, kd(UINT32_MAX, 99, kNaN, 0)),
     R(qelOk, qelrKDTreeFree(N)),
