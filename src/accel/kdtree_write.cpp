@@ -51,7 +51,7 @@ int32_t TreeStream::newPair() {
     return slot;
 }
 
-QelStatus TreeStream::put(int32_t word) {
+QelStatus TreeStream::room(int32_t*& at, int32_t& free) {
     if (last_ == nullptr || last_->used == blockWords_) {
         if (status_ != qelOk) return status_;
         // The budget is checked before each block is charged.
@@ -67,7 +67,18 @@ QelStatus TreeStream::put(int32_t word) {
             last_->next = b;
         last_ = b;
     }
-    last_->words()[last_->used++] = word;
+    at = last_->words() + last_->used;
+    free = blockWords_ - last_->used;
+    return qelOk;
+}
+
+QelStatus TreeStream::put(int32_t word) {
+    int32_t* at;
+    int32_t free;
+    const QelStatus st = room(at, free);
+    if (st != qelOk) return st;
+    *at = word;
+    ++last_->used;
     return qelOk;
 }
 
@@ -104,11 +115,42 @@ QelStatus TreeStream::leaf(int32_t slot, const int32_t* tris, int32_t count) {
 }
 
 QelStatus TreeStream::leafFromRefs(int32_t slot, const TriRef* refs, int32_t count) {
+    return leafFromRefs(slot, refs, count, nullptr, 0);
+}
+
+QelStatus TreeStream::leafFromRefs(int32_t slot, const TriRef* refs, int32_t count,
+                                   const int32_t* extra, int32_t extraCount) {
+    // The merged list, one triangle at a time.
+    int32_t i = 0, j = 0;
+    auto next = [&]() {
+        if (j == extraCount || (i < count && refs[i].tri < extra[j])) return refs[i++].tri;
+        return extra[j++];
+    };
+    const int32_t total = count + extraCount;
     int32_t few[3] = {0, 0, 0};
-    for (int32_t i = 0; i < count && i < 3; ++i) few[i] = refs[i].tri;
+    for (int32_t k = 0; k < total && k < 3; ++k) few[k] = next();
+    i = j = 0;
     bool listed = false;
-    QelStatus st = beginLeaf(slot, few, count, listed);
-    for (int32_t i = 0; listed && st == qelOk && i < count; ++i) st = put(refs[i].tri);
+    QelStatus st = beginLeaf(slot, few, total, listed);
+    // The list goes straight into the blocks, a block's free words at a time.
+    for (int32_t left = listed ? total : 0; st == qelOk && left > 0;) {
+        int32_t* at;
+        int32_t free;
+        st = room(at, free);
+        if (st != qelOk) break;
+        const int32_t m = left < free ? left : free;
+        if (j == extraCount) {
+            for (int32_t k = 0; k < m; ++k) at[k] = refs[i + k].tri;
+            i += m;
+        } else if (i == count) {
+            std::memcpy(at, extra + j, static_cast<size_t>(m) * 4);
+            j += m;
+        } else {
+            for (int32_t k = 0; k < m; ++k) at[k] = next();
+        }
+        last_->used += m;
+        left -= m;
+    }
     return st;
 }
 
@@ -120,7 +162,11 @@ QelStatus TreeStream::finish(KDTreeNode** outTree, int* outTreeSize) {
     const int32_t elements = static_cast<int32_t>(total / 8 + 1);
     auto* tree = static_cast<int32_t*>(core::allocInt64(elements));
     if (tree == nullptr) return qelErrNoMemory;
-    std::memset(tree, 0, static_cast<size_t>(elements) * 8);
+    // Every slot but the one after the root is written below, and so is every
+    // list word: only that slot and the padding at the end are cleared.
+    std::memset(tree + 2, 0, 8);
+    std::memset(reinterpret_cast<char*>(tree) + total, 0,
+                static_cast<size_t>(static_cast<int64_t>(elements) * 8 - total));
 
     // Replays the records; the cursor walks the blocks word by word.
     Block* block = first_;
@@ -161,7 +207,14 @@ QelStatus TreeStream::finish(KDTreeNode** outTree, int* outTreeSize) {
                                     static_cast<int32_t>(listByte - 8 * static_cast<int64_t>(slot)),
                                     kind));
             int32_t* list = tree + listByte / 4;
-            for (int32_t i = 0; i < kind; ++i) list[i] = next();
+            for (int32_t left = kind; left > 0;) {  // a block's share of the list at a time
+                more();
+                const int32_t m = left < block->used - pos ? left : block->used - pos;
+                std::memcpy(list, block->words() + pos, static_cast<size_t>(m) * 4);
+                list += m;
+                pos += m;
+                left -= m;
+            }
             listByte += 4 * static_cast<int64_t>(kind);
         }
     }
