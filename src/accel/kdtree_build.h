@@ -135,6 +135,7 @@ class TreeStream {
  private:
     struct Block;
     QelStatus put(int32_t word);
+    QelStatus newBlock();
     // Room for at least one word at the end of the stream: the free words of
     // the last block, or a new block (charged to the budget).
     QelStatus room(int32_t*& at, int32_t& free);

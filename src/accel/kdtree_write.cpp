@@ -71,35 +71,42 @@ int32_t TreeStream::newPair() {
     return slot;
 }
 
-QelStatus TreeStream::room(int32_t*& at, int32_t& free) {
+QelStatus TreeStream::newBlock() {
+    if (status_ != qelOk) return status_;
+    // The budget is checked before each block is charged.
+    if (remainingBudget_ < blockBytes_) return status_ = qelErrMemoryBudget;
+    remainingBudget_ -= blockBytes_;
+    Block* b = static_cast<Block*>(core::allocBytes(static_cast<int32_t>(blockBytes_)));
+    if (b == nullptr) return status_ = qelErrNoMemory;
+    adviseLargePages(b, blockBytes_);
+    b->next = nullptr;
+    b->used = 0;
+    if (last_ == nullptr)
+        first_ = b;
+    else
+        last_->next = b;
+    last_ = b;
+    return qelOk;
+}
+
+inline QelStatus TreeStream::room(int32_t*& at, int32_t& free) {
     if (last_ == nullptr || last_->used == blockWords_) {
-        if (status_ != qelOk) return status_;
-        // The budget is checked before each block is charged.
-        if (remainingBudget_ < blockBytes_) return status_ = qelErrMemoryBudget;
-        remainingBudget_ -= blockBytes_;
-        Block* b = static_cast<Block*>(core::allocBytes(static_cast<int32_t>(blockBytes_)));
-        if (b == nullptr) return status_ = qelErrNoMemory;
-        adviseLargePages(b, blockBytes_);
-        b->next = nullptr;
-        b->used = 0;
-        if (last_ == nullptr)
-            first_ = b;
-        else
-            last_->next = b;
-        last_ = b;
+        const QelStatus st = newBlock();
+        if (st != qelOk) return st;
     }
     at = last_->words() + last_->used;
     free = blockWords_ - last_->used;
     return qelOk;
 }
 
-QelStatus TreeStream::put(int32_t word) {
-    int32_t* at;
-    int32_t free;
-    const QelStatus st = room(at, free);
+inline QelStatus TreeStream::put(int32_t word) {
+    if (last_ != nullptr && last_->used < blockWords_) {
+        last_->words()[last_->used++] = word;
+        return qelOk;
+    }
+    const QelStatus st = newBlock();
     if (st != qelOk) return st;
-    *at = word;
-    ++last_->used;
+    last_->words()[last_->used++] = word;
     return qelOk;
 }
 
