@@ -150,8 +150,7 @@ bool joinsSpanning(const TriRef& r, const Box3& cell, Spanning& set) {
     } else {
         if (set.axis != c) return false;
         for (int a = 0; a < 3; ++a)
-            if (a != c &&
-                !(sameBits(r.mn[a], set.box.mn[a]) && sameBits(r.mx[a], set.box.mx[a])))
+            if (a != c && !(sameBits(r.mn[a], set.box.mn[a]) && sameBits(r.mx[a], set.box.mx[a])))
                 return false;
     }
     ++set.count;
@@ -359,13 +358,14 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     for (int32_t i = 0; i < n; ++i) {
         const TriRef& r = refs[i];
         const int sideBits = sideOf(r, plane);
-        if (sideBits != 3) {
+        if (sideBits == 1 || sideBits == 2) {
             const int c = sideBits - 1;
             if (r.coversCell != 0 && joinsSpanning(r, cells[c], spans[c])) {
                 joined[c][joins[c]++] = r.tri;
                 route[i] = 0;
             } else {
-                route[i] = static_cast<uint32_t>(sideBits) << 30 | static_cast<uint32_t>(counts[c]++);
+                route[i] =
+                    static_cast<uint32_t>(sideBits) << 30 | static_cast<uint32_t>(counts[c]++);
             }
             continue;
         }
