@@ -14,6 +14,17 @@
 // way in the working arrays: a node's children replace it at the same place,
 // the child above the split first, so the child below (processed first) is
 // always on top and working memory stays proportional to the references.
+//
+// Flat triangles that cover a whole cell which is too thin to split across
+// their plane (overlapping coplanar triangles, decals, doubled faces) cover
+// every cell below it as well, and each split copies them into both children.
+// Such references leave the reference array for the node's spanning set: a
+// plain ascending list of triangle indices with one box for all of them (the
+// cell's face, with the bits their own boxes would have). The sweep counts
+// them as one start at the cell's low end and one end at its high end, a
+// split passes the set to the children unchanged (shared between siblings,
+// narrowed by the box alone), and a leaf merges it back into its list in
+// triangle order. The tree is the one that the references would give.
 #include "accel/kdtree_build.h"
 
 #include <omp.h>
@@ -91,6 +102,17 @@ class Pool {
     int64_t cap_ = 0;
 };
 
+// The spanning set of a node: `count` triangle indices, ascending, from
+// `begin` in the builder's list pool; all flat on `axis`, which the cell is
+// too thin to split on, and all with the box `box` (tri unused), whose two
+// other axes equal the cell's bounds as floats.
+struct Spanning {
+    int32_t begin = 0;
+    int32_t count = 0;
+    int32_t axis = -1;
+    TriRef box{};
+};
+
 struct Task {
     Box3 cell;
     int32_t depth;
@@ -99,7 +121,41 @@ struct Task {
     int32_t refCount;
     int32_t evBegin[3];
     int32_t evCount[3];
+    Spanning span;
+    int32_t spanMark;  // the list pool's size while this node is pending
 };
+
+// The one axis on which the box is flat, or -1.
+int flatAxis(const TriRef& r) {
+    int axis = -1;
+    for (int a = 0; a < 3; ++a) {
+        if (r.mn[a] != r.mx[a]) continue;
+        if (axis >= 0) return -1;
+        axis = a;
+    }
+    return axis;
+}
+
+// Whether reference r, in a node of cell `cell`, can join the node's
+// spanning set `set` (which it then defines when still empty).
+bool joinsSpanning(const TriRef& r, const Box3& cell, Spanning& set) {
+    if (r.coversCell == 0) return false;
+    const int c = flatAxis(r);
+    if (c < 0 || axisUsable(cell, c)) return false;
+    for (int a = 0; a < 3; ++a)
+        if (a != c && !(r.mn[a] == cell.mn[a] && r.mx[a] == cell.mx[a])) return false;
+    if (set.count == 0) {
+        set.axis = c;
+        set.box = r;
+    } else {
+        if (set.axis != c) return false;
+        for (int a = 0; a < 3; ++a)
+            if (a != c && !(sameBits(r.mn[a], set.box.mn[a]) && sameBits(r.mx[a], set.box.mx[a])))
+                return false;
+    }
+    ++set.count;
+    return true;
+}
 
 // Sorts events in eventLess order. Large lists go through a radix sort on
 // (position as an ordered integer, key), which gives the same order: -0 is
@@ -170,6 +226,7 @@ class Builder {
     void scoreNode(const Task& t, double scores[3], AxisScore results[3]);
     QelStatus split(const Task& t, const SplitPlane& plane, Task& below, Task& above);
     QelStatus splitEvents(const Task& t, int b, int32_t straddlers, Task& below, Task& above);
+    QelStatus growSpanning(Spanning& set, const int32_t* joined, int32_t joinCount);
 
     const CostDrivenInput& in_;
     const float f_;
@@ -179,6 +236,10 @@ class Builder {
     Pool<Event> fresh_[2];  // new events of cut triangles, per child
     Pool<uint32_t> route_;  // where each reference of the node goes
     Pool<int32_t> cut_;     // references that the plane cuts (kCutStride entries each)
+    Pool<TriRef> clipped_;  // their parts in the two children
+    Pool<int32_t> joined_;  // triangles that join a child's spanning set, per child
+    Pool<int32_t> lists_;   // the spanning sets' lists, stacked like the nodes
+    int32_t listsUsed_ = 0;
 };
 
 QelStatus Builder::initRoot(Task& root) {
@@ -201,7 +262,7 @@ QelStatus Builder::initRoot(Task& root) {
         }
     }
     if (n == 0) cell = Box3{{0, 0, 0}, {0, 0, 0}};
-    root = Task{cell, 0, 0, 0, n, {0, 0, 0}, {0, 0, 0}};
+    root = Task{cell, 0, 0, 0, n, {0, 0, 0}, {0, 0, 0}, Spanning{}, 0};
     for (int a = 0; a < 3; ++a) {
         if (!events_[a].reserve(2 * static_cast<int64_t>(n) + 1, 0)) return qelErrNoMemory;
         Event* ev = events_[a].data();
@@ -215,10 +276,18 @@ QelStatus Builder::initRoot(Task& root) {
 }
 
 void Builder::scoreNode(const Task& t, double scores[3], AxisScore results[3]) {
-    const int32_t n = t.refCount;
+    const int32_t n = t.refCount + t.span.count;
     auto scoreOne = [&](int a) {
+        SpanningRefs span;
+        if (t.span.count > 0 && a != t.span.axis) {
+            span.count = t.span.count;
+            span.lo = t.span.box.mn[a];
+            span.hi = t.span.box.mx[a];
+            span.firstTri = lists_.data()[t.span.begin];
+            span.refs = refs_.data() + t.refBegin;
+        }
         return scoreAxis(axisFrame(t.cell, a), events_[a].data() + t.evBegin[a], t.evCount[a], n,
-                         2 * n - t.evCount[a]);
+                         2 * t.refCount - t.evCount[a], span);
     };
     for (int a = 0; a < 3; ++a) results[a] = AxisScore{DBL_MAX, 0.0f, true};
 
@@ -254,75 +323,116 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
     below.cell.mx[a] = plane.position;
     above.cell.mn[a] = plane.position;
     below.depth = above.depth = t.depth + 1;
+    const Box3 cells[2] = {below.cell, above.cell};
+
+    // The spanning set goes where its box goes, narrowed to the child cells
+    // when the plane cuts it, as each of its references would.
+    Spanning spans[2] = {Spanning{}, Spanning{}};
+    if (t.span.count > 0) {
+        const int sideBits = sideOf(t.span.box, plane);
+        for (int c = 0; c < 2; ++c) {
+            if ((sideBits >> c & 1) == 0) continue;
+            spans[c] = t.span;
+            if (sideBits == 3) narrowToCell(cells[c], spans[c].box);
+        }
+    }
 
     // route[i]: side bits << 30 | index in the child for references that go
-    // to one side, 3 << 30 | index in the cut list for the ones the plane cuts.
-    // A cut entry: the reference, its index in each child, its event keep bits.
-    if (!route_.reserve(n, 0) || !cut_.reserve(kCutStride * static_cast<int64_t>(n), 0))
+    // to one side, 3 << 30 | index in the cut list for the ones the plane
+    // cuts, 0 for a reference that joins the spanning set of its one child.
+    // A cut entry: the reference, its index in each child (-1 when it joins
+    // that child's spanning set), its event keep bits; its parts in the
+    // children are clipped_[2j] and clipped_[2j + 1].
+    if (!route_.reserve(n, 0) || !cut_.reserve(kCutStride * static_cast<int64_t>(n), 0) ||
+        !clipped_.reserve(2 * static_cast<int64_t>(n), 0) ||
+        !joined_.reserve(2 * static_cast<int64_t>(n), 0))
         return qelErrNoMemory;
     uint32_t* route = route_.data();
     int32_t* cut = cut_.data();
-    int32_t nBelow = 0, nAbove = 0, straddlers = 0;
-    {
-        const TriRef* refs = refs_.data() + t.refBegin;
-        for (int32_t i = 0; i < n; ++i) {
-            const int sideBits = sideOf(refs[i], plane);
-            if (sideBits == 1) {
-                route[i] = 1u << 30 | static_cast<uint32_t>(nBelow++);
-            } else if (sideBits == 2) {
-                route[i] = 2u << 30 | static_cast<uint32_t>(nAbove++);
+    TriRef* clipped = clipped_.data();
+    int32_t* joined[2] = {joined_.data(), joined_.data() + n};
+    int32_t joins[2] = {0, 0};
+    int32_t counts[2] = {0, 0};
+    int32_t straddlers = 0;
+    const TriRef* refs = refs_.data() + t.refBegin;
+    for (int32_t i = 0; i < n; ++i) {
+        const TriRef& r = refs[i];
+        const int sideBits = sideOf(r, plane);
+        if (sideBits == 1 || sideBits == 2) {
+            const int c = sideBits - 1;
+            if (r.coversCell != 0 && joinsSpanning(r, cells[c], spans[c])) {
+                joined[c][joins[c]++] = r.tri;
+                route[i] = 0;
             } else {
-                route[i] = 3u << 30 | static_cast<uint32_t>(straddlers);
-                int32_t* c = cut + kCutStride * straddlers;
-                c[0] = i;
-                c[1] = nBelow++;
-                c[2] = nAbove++;
-                ++straddlers;
+                route[i] =
+                    static_cast<uint32_t>(sideBits) << 30 | static_cast<uint32_t>(counts[c]++);
+            }
+            continue;
+        }
+        TriRef* part = clipped + 2 * straddlers;
+        part[0] = r;
+        part[1] = r;
+        if (r.coversCell != 0) {  // clipping would give the box narrowed to the child cell
+            narrowToCell(cells[0], part[0]);
+            narrowToCell(cells[1], part[1]);
+        } else {
+            double v[3][3];
+            fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, r.tri, v);
+            clipToChildren(v, t.cell, a, plane.position, part[0], part[1]);
+            part[0].coversCell = coversCell(v, cells[0]) ? 1 : 0;
+            part[1].coversCell = coversCell(v, cells[1]) ? 1 : 0;
+        }
+        int32_t* cj = cut + kCutStride * straddlers;
+        cj[0] = i;
+        for (int c = 0; c < 2; ++c) {
+            if (part[c].coversCell != 0 && joinsSpanning(part[c], cells[c], spans[c])) {
+                joined[c][joins[c]++] = r.tri;
+                cj[1 + c] = -1;
+            } else {
+                cj[1 + c] = counts[c]++;
             }
         }
+        cj[3] = static_cast<int32_t>(keepBits(r, part[0], 0) | keepBits(r, part[1], 1));
+        route[i] = 3u << 30 | static_cast<uint32_t>(straddlers++);
     }
+    const int32_t nBelow = counts[0], nAbove = counts[1];
 
     // Children's references after the node's, above first, then moved down.
     const int64_t top = static_cast<int64_t>(t.refBegin) + n;
     if (!refs_.reserve(top + nAbove + nBelow, top)) return qelErrNoMemory;
-    TriRef* refs = refs_.data() + t.refBegin;
+    refs = refs_.data() + t.refBegin;
     TriRef* outAbove = refs_.data() + top;
     TriRef* outBelow = outAbove + nAbove;
     for (int32_t i = 0; i < n; ++i) {
         const uint32_t r = route[i];
         const uint32_t index = r & kRouteIndexMask;
-        if (r >> 30 == 1)
+        if (r >> 30 == 1) {
             outBelow[index] = refs[i];
-        else if (r >> 30 == 2)
+        } else if (r >> 30 == 2) {
             outAbove[index] = refs[i];
-    }
-    Box3 cells[2] = {t.cell, t.cell};
-    cells[0].mx[a] = plane.position;
-    cells[1].mn[a] = plane.position;
-    for (int32_t j = 0; j < straddlers; ++j) {
-        int32_t* c = cut + kCutStride * j;
-        const TriRef& r = refs[c[0]];
-        TriRef& below = outBelow[c[1]];
-        TriRef& above = outAbove[c[2]];
-        below = r;
-        above = r;
-        if (r.coversCell != 0) {  // clipping would give the box narrowed to the child cell
-            narrowToCell(cells[0], below);
-            narrowToCell(cells[1], above);
-        } else {
-            double v[3][3];
-            fetchTriangle(in_.vertices, in_.triangleIndices, in_.vertexCount, r.tri, v);
-            clipToChildren(v, t.cell, a, plane.position, below, above);
-            below.coversCell = coversCell(v, cells[0]);
-            above.coversCell = coversCell(v, cells[1]) ? 1 : 0;
+        } else if (r >> 30 == 3) {
+            const int32_t* cj = cut + kCutStride * index;
+            if (cj[1] >= 0) outBelow[cj[1]] = clipped[2 * index];
+            if (cj[2] >= 0) outAbove[cj[2]] = clipped[2 * index + 1];
         }
-        c[3] = static_cast<int32_t>(keepBits(r, below, 0) | keepBits(r, above, 1));
     }
-    std::memmove(refs, outAbove, static_cast<size_t>(nAbove + nBelow) * sizeof(TriRef));
+    std::memmove(refs_.data() + t.refBegin, outAbove,
+                 static_cast<size_t>(nAbove + nBelow) * sizeof(TriRef));
     above.refBegin = t.refBegin;
     above.refCount = nAbove;
     below.refBegin = t.refBegin + nAbove;
     below.refCount = nBelow;
+
+    // The children's spanning sets: the node's where no reference joined,
+    // else new lists on top of the pool, the one above first (it is pending
+    // longer).
+    QelStatus st = growSpanning(spans[1], joined[1], joins[1]);
+    above.span = spans[1];
+    above.spanMark = listsUsed_;
+    if (st == qelOk) st = growSpanning(spans[0], joined[0], joins[0]);
+    below.span = spans[0];
+    below.spanMark = listsUsed_;
+    if (st != qelOk) return st;
 
     for (int b = 0; b < 3; ++b) {
         // An axis that the cell cannot be split on (too thin on it, or on
@@ -332,9 +442,29 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
             below.evCount[b] = above.evCount[b] = 0;
             continue;
         }
-        const QelStatus st = splitEvents(t, b, straddlers, below, above);
+        st = splitEvents(t, b, straddlers, below, above);
         if (st != qelOk) return st;
     }
+    return qelOk;
+}
+
+// Moves a child's spanning set to a list of its own when references joined
+// it: the `joined` triangles (ascending, the last of set.count) merged into
+// the set's inherited list.
+QelStatus Builder::growSpanning(Spanning& set, const int32_t* joined, int32_t joinCount) {
+    if (joinCount == 0) return qelOk;
+    const int32_t inherited = set.count - joinCount;
+    const int64_t begin = listsUsed_;
+    if (!lists_.reserve(begin + set.count, begin)) return qelErrNoMemory;
+    const int32_t* x = lists_.data() + set.begin;
+    const int32_t* xEnd = x + inherited;
+    const int32_t* yEnd = joined + joinCount;
+    int32_t* out = lists_.data() + begin;
+    while (x != xEnd && joined != yEnd) *out++ = *joined < *x ? *joined++ : *x++;
+    while (x != xEnd) *out++ = *x++;
+    while (joined != yEnd) *out++ = *joined++;
+    set.begin = static_cast<int32_t>(begin);
+    listsUsed_ += set.count;
     return qelOk;
 }
 
@@ -351,6 +481,7 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
         int32_t m = 0;
         for (int32_t j = 0; j < straddlers; ++j) {
             const int32_t* cj = cut + kCutStride * j;
+            if (cj[1 + c] < 0) continue;  // in the child's spanning set
             const uint32_t local = static_cast<uint32_t>(cj[1 + c]);
             const TriRef& r = childRefs[c][local];
             const uint32_t keep = static_cast<uint32_t>(cj[3]) >> (6 * c + 2 * b) & 3u;
@@ -394,16 +525,16 @@ QelStatus Builder::splitEvents(const Task& t, int b, int32_t straddlers, Task& b
             const Event e = {ev[i].pos, (r & kRouteIndexMask) << 2 | type};
             while (fa != faEnd && eventLess(*fa, e)) *outAbove++ = *fa++;
             *outAbove++ = e;
-        } else {  // a cut reference: the events that clipping left in place
+        } else if (side == 3) {  // a cut reference: the events that clipping left in place
             const int32_t* cj = cut + kCutStride * (r & kRouteIndexMask);
             const uint32_t keep = static_cast<uint32_t>(cj[3]) >> (2 * b);
             const uint32_t bit = type == kEventEnd ? 2u : 1u;
-            if ((keep & bit) != 0) {
+            if ((keep & bit) != 0 && cj[1] >= 0) {
                 const Event e = {ev[i].pos, static_cast<uint32_t>(cj[1]) << 2 | type};
                 while (fb != fbEnd && eventLess(*fb, e)) *outBelow++ = *fb++;
                 *outBelow++ = e;
             }
-            if ((keep >> 6 & bit) != 0) {
+            if ((keep >> 6 & bit) != 0 && cj[2] >= 0) {
                 const Event e = {ev[i].pos, static_cast<uint32_t>(cj[2]) << 2 | type};
                 while (fa != faEnd && eventLess(*fa, e)) *outAbove++ = *fa++;
                 *outAbove++ = e;
@@ -431,7 +562,8 @@ QelStatus Builder::run(KDTreeNode** outTree, int* outTreeSize) {
     QelStatus st = initRoot(stack[top++]);
     while (st == qelOk && top > 0) {
         const Task t = stack[--top];
-        const int32_t n = t.refCount;
+        listsUsed_ = t.spanMark;  // the lists of the nodes done since this one was pushed
+        const int32_t n = t.refCount + t.span.count;
         bool makeLeaf = n == 0 || t.depth >= static_cast<int32_t>(in_.depthLimit);
         SplitPlane plane{0, 0.0f, true};
         if (!makeLeaf) {
@@ -445,7 +577,8 @@ QelStatus Builder::run(KDTreeNode** outTree, int* outTreeSize) {
             makeLeaf = !(n * (cost - scores[axis]) > threshold);
         }
         if (makeLeaf) {
-            st = stream_.leafFromRefs(t.slot, refs_.data() + t.refBegin, n);
+            st = stream_.leafFromRefs(t.slot, refs_.data() + t.refBegin, t.refCount,
+                                      lists_.data() + t.span.begin, t.span.count);
             continue;
         }
         Task below, above;

@@ -122,6 +122,10 @@ class TreeStream {
     int32_t newPair();
     QelStatus inner(int32_t slot, int axis, float position, int32_t childSlot);
     QelStatus leafFromRefs(int32_t slot, const TriRef* refs, int32_t count);
+    // A leaf of the references and the triangles of `extra`, both in
+    // ascending triangle order, merged into one list in that order.
+    QelStatus leafFromRefs(int32_t slot, const TriRef* refs, int32_t count, const int32_t* extra,
+                           int32_t extraCount);
     QelStatus leaf(int32_t slot, const int32_t* tris, int32_t count);
 
     // Writes the finished tree into one block: root at 0, 8 zero bytes,
@@ -131,6 +135,10 @@ class TreeStream {
  private:
     struct Block;
     QelStatus put(int32_t word);
+    QelStatus newBlock();
+    // Room for at least one word at the end of the stream: the free words of
+    // the last block, or a new block (charged to the budget).
+    QelStatus room(int32_t*& at, int32_t& free);
     QelStatus beginLeaf(int32_t slot, const int32_t* tris, int32_t count, bool& listed);
 
     uint32_t remainingBudget_;

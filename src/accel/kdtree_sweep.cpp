@@ -51,43 +51,44 @@ AxisFrame axisFrame(const Box3& cell, int axis) {
 }
 
 AxisScore scoreAxis(const AxisFrame& fr, const Event* ev, int32_t count, int32_t n,
-                    int32_t planarCount) {
+                    int32_t planarCount, const SpanningRefs& span) {
     AxisScore out{DBL_MAX, 0.0f, true};
-    if (!fr.usable || count == 0) return out;
+    if (!fr.usable || (count == 0 && span.count == 0)) return out;
     const double lo = fr.lo, hi = fr.hi, g = fr.g;
 
-    // Empty space at either end first.
-    const float smallestMin = ev[0].pos;
-    const float largestMax = ev[count - 1].pos;
-    const float gapLimit = 0.1f * fr.extent;
-    bool empty = false;
-    double best = DBL_MAX;
-    if (smallestMin - fr.lo > gapLimit) {
-        empty = true;
-        best = n * ((hi - smallestMin) + g);
-        out.position = smallestMin;
-        out.planarBelow = false;  // every triangle goes above
-    }
-    if (fr.hi - largestMax > gapLimit) {
-        const double cost = n * ((largestMax - lo) + g);
-        if (!empty || cost < best) {
-            best = cost;
-            out.position = largestMax;
-            out.planarBelow = true;  // every triangle goes below
+    // Empty space at either end first. Spanning references start at the
+    // cell's low end and stop at its high end: then there is none.
+    if (span.count == 0) {
+        const float smallestMin = ev[0].pos;
+        const float largestMax = ev[count - 1].pos;
+        const float gapLimit = 0.1f * fr.extent;
+        bool empty = false;
+        double best = DBL_MAX;
+        if (smallestMin - fr.lo > gapLimit) {
+            empty = true;
+            best = n * ((hi - smallestMin) + g);
+            out.position = smallestMin;
+            out.planarBelow = false;  // every triangle goes above
         }
-        empty = true;
-    }
-    if (empty) {
-        out.score = fr.sumAB * kEmptySpaceWeight * best;
-        return out;
+        if (fr.hi - largestMax > gapLimit) {
+            const double cost = n * ((largestMax - lo) + g);
+            if (!empty || cost < best) {
+                best = cost;
+                out.position = largestMax;
+                out.planarBelow = true;  // every triangle goes below
+            }
+            empty = true;
+        }
+        if (empty) {
+            out.score = fr.sumAB * kEmptySpaceWeight * best;
+            return out;
+        }
     }
 
+    double best = DBL_MAX;
     const int32_t nonPlanar = n - planarCount;
     int32_t before[3] = {0, 0, 0};  // events passed, by type
-    for (int32_t i = 0; i < count;) {
-        const float p = ev[i].pos;
-        int32_t at[3] = {0, 0, 0};
-        for (; i < count && ev[i].pos == p; ++i) ++at[ev[i].key & 3u];
+    auto consider = [&](float p, const int32_t at[3]) {
         const int32_t planar = at[kEventPlanar];
         const int32_t below = before[kEventStart] + before[kEventPlanar];
         const int32_t above = (nonPlanar - before[kEventEnd] - at[kEventEnd]) +
@@ -109,6 +110,39 @@ AxisScore scoreAxis(const AxisFrame& fr, const Event* ev, int32_t count, int32_t
             }
         }
         for (int k = 0; k < 3; ++k) before[k] += at[k];
+    };
+    // The bits of a position shared by events of spanning references and
+    // other events are those of the first of them in eventLess order.
+    auto spanFirst = [&](const Event& e) { return span.firstTri < span.refs[e.key >> 2].tri; };
+
+    int32_t i = 0;
+    if (span.count > 0) {  // the starts of the spanning references at the low end
+        int32_t at[3] = {0, 0, 0};
+        at[kEventStart] = span.count;
+        float p = span.lo;
+        if (count > 0 && ev[0].pos == span.lo) {
+            if (!spanFirst(ev[0])) p = ev[0].pos;
+            for (; i < count && ev[i].pos == span.lo; ++i) ++at[ev[i].key & 3u];
+        }
+        consider(p, at);
+    }
+    bool spanEnds = span.count > 0;
+    while (i < count) {
+        const int32_t first = i;
+        float p = ev[i].pos;
+        int32_t at[3] = {0, 0, 0};
+        for (; i < count && ev[i].pos == p; ++i) ++at[ev[i].key & 3u];
+        if (i == count && spanEnds && p == span.hi) {  // their ends at the high end
+            at[kEventEnd] += span.count;
+            if (spanFirst(ev[first])) p = span.hi;
+            spanEnds = false;
+        }
+        consider(p, at);
+    }
+    if (spanEnds) {
+        int32_t at[3] = {0, 0, 0};
+        at[kEventEnd] = span.count;
+        consider(span.hi, at);
     }
     out.score = fr.sumAB * best;
     return out;

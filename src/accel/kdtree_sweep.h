@@ -52,10 +52,24 @@ struct AxisScore {
     bool planarBelow;
 };
 
-// Scores one axis of a node of n references whose events on the axis are
-// sorted by eventLess. planarCount: references flat on the axis.
+// References of a node that span the whole cell on the axis and have no
+// events of their own: each counts as a start at `lo` and an end at `hi`
+// (the cell's bounds as floats, with these bits). Among events of equal
+// position the one of the lowest triangle index comes first, so firstTri
+// and the triangles of the node's other references (refs, indexed by event
+// key) tell which bits stand for a position shared with such events.
+struct SpanningRefs {
+    int32_t count = 0;
+    float lo = 0.0f, hi = 0.0f;
+    int32_t firstTri = 0;
+    const TriRef* refs = nullptr;
+};
+
+// Scores one axis of a node of n references (spanning ones included) whose
+// other references' events on the axis are sorted by eventLess. planarCount:
+// references flat on the axis.
 AxisScore scoreAxis(const AxisFrame& frame, const Event* events, int32_t eventCount, int32_t n,
-                    int32_t planarCount);
+                    int32_t planarCount, const SpanningRefs& spanning);
 
 // Half surface area of the cell times n, in double.
 double leafCost(const Box3& cell, int32_t n);
