@@ -313,13 +313,27 @@ inline Mesh randomScene(int n, uint32_t seed, float shift = 0.0f) {
 
 // Triangles with random corners in [0, 10]^2 on the plane y = 2.5: they all
 // overlap, the cells are flat, and the tree grows with every level of depth.
-inline Mesh coplanarScene(int n, uint32_t seed) {
+// n overlapping triangles in the plane y = 2.5; on a grid: x and y are
+// multiples of 0.5 in [-3, 3] in the plane z = 0, every zero of either sign.
+inline Mesh coplanarScene(int n, uint32_t seed, bool grid = false) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(0.0f, 10.0f);
+    std::uniform_int_distribution<int> k(-6, 6), sign(0, 1);
+    auto zero = [&] { return sign(rng) ? -0.0f : 0.0f; };
+    auto g = [&] {
+        const int i = k(rng);
+        return i ? 0.5f * i : zero();
+    };
     Mesh s;
     for (int t = 0; t < n; ++t) {
         float p[3][3];
-        for (auto& q : p) q[0] = u(rng), q[1] = 2.5f, q[2] = u(rng);
+        for (auto& q : p) {
+            if (grid) {
+                q[0] = g(), q[1] = g(), q[2] = zero();
+            } else {
+                q[0] = u(rng), q[1] = 2.5f, q[2] = u(rng);
+            }
+        }
         s.add(p[0], p[1], p[2]);
     }
     return s;
