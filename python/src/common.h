@@ -68,7 +68,7 @@ py::array withContiguousRows(const py::array& a);
 
 // `a` itself when C-contiguous and aligned, else such a copy.
 inline py::array cAligned(const py::array& a) {
-    return py::array::ensure(a, py::array::c_style | py::detail::npy_api::NPY_ARRAY_ALIGNED_);
+    return py::array::ensure(a, py::array::c_style | static_cast<int>(py::detail::npy_api::NPY_ARRAY_ALIGNED_));
 }
 
 // The interpolation mode: a name or one of the library's integers (passed
