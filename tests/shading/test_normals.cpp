@@ -1,6 +1,5 @@
-// Triangle and smooth normals against double-precision references, flat normals
-// as exact copies, and by hand: degenerate triangles, misses, cancelling normals
-// and the float epsilon boundary.
+// Triangle and smooth normals against double-precision references, flat normals as exact copies, and by hand:
+// degenerate triangles, misses, cancelling normals and the float epsilon boundary.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>
@@ -53,10 +52,8 @@ TEST(Normals, SurfaceNormalsAgainstDoubleReferences) {
             r.mask(1)[i] = int(rng() % 24);                     // vertices of 18 triangles
             r.mask()[i] = i % 8 < 4 ? 5 : int(rng() % 20) - 2;  // one triangle for a group
         }
-        // Vertex normals of triangle 5: ray 0 weighs opposite ones (0, 0, +-1)
-        // alike: zero; ray 1 takes (2^-12, 2^-12, 0), of squared length 2^-23,
-        // the float epsilon, which the one-ray path normalises and the vector
-        // path clears.
+        // Triangle 5: ray 0 weighs opposite normals (0, 0, +-1) alike: zero; ray 1 takes (2^-12, 2^-12, 0) of
+        // squared length 2^-23, the float epsilon, which the one-ray path normalises and the vector path clears.
         const float hand[9] = {0x1p-12f, 0x1p-12f, 0, 0, 0, 1, 0, 0, -1};
         std::copy(hand, hand + 9, r.p(0));
         for (int k = 0; k < 3; ++k) r.mask(1)[15 + k] = k;
