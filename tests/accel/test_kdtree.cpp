@@ -1,6 +1,5 @@
-// KD-tree build through the public API: the single-leaf tree, hand-derived
-// splits, validity and completeness of cost-driven trees, and determinism over
-// thread settings.
+// KD-tree build through the public API: the single-leaf tree, hand-derived splits, validity of cost-driven trees,
+// and determinism over thread settings.
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <qelcore.h>
@@ -45,14 +44,11 @@ TEST(KDTreeSingleLeaf, LayoutByteForByte) {
     }
 }
 
-// Triangle A in [0,1]^3 and B in [9,10]x[0,1]x[0,1]; root cell [0,10]x[0,1]^2.
-// x: g = 0.5; p=1 scores 1*1.5 + 1*9.5 = 11 (p=9 ties and loses), s0 = 22;
-// y and z: the best is 2*(1 + 10/11), s1 = s2 = 11*3.818 = 42. Axis x.
-// leafCost = (1*11 + 10)*2 = 42; the root splits when 2*(42-22) = 40 > f*42.
-// Child above, cell x [1,10] holding B only: the gap 9-1 = 8 exceeds 0.9, so
-// the empty-space cut at 9 scores 2*0.7*1.5 = 2.1 (the sweep would give 3);
-// y and z give 19 = leafCost, so it splits when 19-2.1 = 16.9 > f*19, that is
-// for f below 0.889 (with the sweep's 3, below 0.842).
+// Triangle A in [0,1]^3 and B in [9,10]x[0,1]x[0,1]; root cell [0,10]x[0,1]^2. x: g = 0.5; p=1 scores
+// 1*1.5 + 1*9.5 = 11 (p=9 ties and loses), s0 = 22; y and z: the best is 2*(1 + 10/11), s1 = s2 = 11*3.818 = 42.
+// Axis x. leafCost = (1*11 + 10)*2 = 42; the root splits when 2*(42-22) = 40 > f*42. Child above, cell x [1,10]
+// holding B only: the gap 9-1 = 8 exceeds 0.9, so the empty-space cut at 9 scores 2*0.7*1.5 = 2.1 (the sweep
+// would give 3); y and z give 19 = leafCost: it splits when 19-2.1 = 16.9 > f*19, for f below 0.889 (sweep: 0.842).
 TEST(KDTreeCostDriven, EmptySpaceCutDerivedByHand) {
     const float a[3][3] = {{0, 0, 0}, {1, 0, 1}, {0, 1, 1}};
     const float b[3][3] = {{9, 0, 0}, {10, 0, 1}, {9, 1, 1}};
@@ -70,8 +66,7 @@ TEST(KDTreeCostDriven, EmptySpaceCutDerivedByHand) {
               (std::vector<uint32_t>{0x80000001u, 0x80000002u, 0, 0}));
 }
 
-// Ties between axis scores: a scene symmetric in x and y splits on y, one
-// symmetric in all three axes splits on z (both at 1.0, by the sweep above).
+// Axis ties: symmetric in x and y splits on y, symmetric in all three on z (both at 1.0, by the sweep above).
 TEST(KDTreeCostDriven, AxisTiesDerivedByHand) {
     const float a[3][3] = {{0, 0, 0}, {1, 0, 1}, {0, 1, 1}};
     const float b[3][3] = {{9, 9, 0}, {10, 9, 1}, {9, 10, 1}};

@@ -1,6 +1,5 @@
-// The cost-driven builder against a brute-force builder that applies the
-// rules literally at every node (sorting and counting from scratch), the
-// inline leaf encoding, and the output-block budget.
+// The cost-driven builder against a brute-force builder that applies the rules literally at every node (sorting
+// and counting from scratch), the inline leaf encoding, and the output-block budget.
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -34,8 +33,7 @@ double naiveAxisScore(const std::vector<TriRef>& refs, const Box3& cell, int a, 
         if (isFlat) all.pop_back();
     }
     const int n = static_cast<int>(refs.size());
-    // Equal positions keep the references' order, which decides whether a
-    // split at zero is +0 or -0.
+    // Equal positions keep the references' order, which decides whether a split at zero is +0 or -0.
     std::stable_sort(all.begin(), all.end());
     const float smallest = all.front(), largest = all.back();
 
@@ -181,10 +179,8 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
         uint32_t depth;
         float shift = 0.0f;
     };
-    // 75 and 76 triangles: the root is scored on the calling thread, then by
-    // one thread per axis. 2600: 4096+ events at the root take the radix sort.
-    // Overlapping triangles in one plane (a past fault): the tree doubles with
-    // depth, and the builder's shortcuts for flat cells must give the same bytes.
+    // 75 and 76 triangles: the root is scored on the calling thread, then one thread per axis. 2600: 4096+ events
+    // take the radix sort. Overlapping coplanar triangles (a past fault): the shortcuts for flat cells must agree.
     for (const Case c :
          {Case{75, 11, 1.0f, 50}, Case{76, 11, 1.0f, 50}, Case{12, 1, 1.0f, 50},
           Case{200, 2, 1.0f, 50}, Case{200, 3, 0.3f, 50}, Case{400, 4, 0.8f, 6},
@@ -193,8 +189,7 @@ TEST(KDTreeRules, SameTreeAsBruteForce) {
         const Mesh s = c.n > 0 ? qelr_test::randomScene(c.n, c.seed, c.shift)
                                : qelr_test::coplanarScene(c.n ? -c.n : 40, c.seed, c.n < 0);
         const std::vector<uint8_t> expect = bruteForceTree(s, c.depth, c.quality);
-        // Through the public call, with the smallest budget it accepts, 32 MB,
-        // and the full validator (completeness and leaf overlaps included).
+        // Through the public call, with the smallest budget it accepts (32 MB), and the full validator.
         const auto got = qelr_test::buildTree(s, qelr_test::costDriven(c.depth, c.quality, 32));
         EXPECT_EQ(got.info.error, "") << c.n << " " << c.seed;
         EXPECT_EQ(got.bytes, expect) << c.n << " " << c.seed;
@@ -233,9 +228,8 @@ TEST(KDTreeRules, InlineLeafEncoding) {
     }
 }
 
-// Blocks of 256 words: the smallest number of blocks that holds the tree
-// gives the same tree; one byte less stops the build. A budget of half the
-// coplanar tree (which grows with depth) stops it too.
+// Blocks of 256 words: the fewest blocks that hold the tree give the same tree; one byte less stops the build. A
+// budget of half the coplanar tree (which grows with depth) stops it too.
 TEST(KDTreeRules, OutputBlocksChargedToTheBudget) {
     const Mesh s = qelr_test::randomScene(300, 8);
     const std::vector<uint8_t> expect = libraryTree(s, 50, 1.0f);

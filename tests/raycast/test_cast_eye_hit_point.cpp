@@ -1,7 +1,5 @@
-// Eye rays and hit points against exact values: corners, steps, directions,
-// distances and origins that are small multiples of powers of two make every
-// product and sum exact, so every path and alignment gives the formula in
-// double. A scale below 1 pulls points toward the origin; misses get zero.
+// Eye rays and hit points against exact values: dyadic inputs make every product and sum exact, so every path and
+// alignment gives the formula in double. A scale below 1 pulls points toward the origin; misses get zero.
 #include <gtest/gtest.h>
 #include <qelr.h>
 

@@ -1,6 +1,5 @@
-// Helpers of the spherical-harmonic tests: engine blocks, directions and an
-// independent double-precision reference of the basis (associated Legendre
-// recurrence in z, trigonometric azimuth).
+// Helpers of the spherical-harmonic tests: engine blocks, directions and an independent double-precision reference
+// of the basis (associated Legendre recurrence in z, trigonometric azimuth).
 #pragma once
 
 #include <qelcore.h>
@@ -64,8 +63,7 @@ inline Directions randomDirections(int n, unsigned seed) {
     return d;
 }
 
-// Real orthonormal basis with the Condon-Shortley phase up to `order` at a
-// direction given as float components, evaluated in double precision.
+// Real orthonormal basis with the Condon-Shortley phase up to `order`, evaluated in double precision.
 inline std::vector<double> referenceBasis(float fx, float fy, float fz, int order) {
     const double x = fx, y = fy, z = fz;
     const double phi = std::atan2(y, x);
@@ -102,9 +100,8 @@ inline std::vector<double> referenceBasis(float fx, float fy, float fz, int orde
 // Root-sum-square of a band over m, the same for every unit direction.
 inline double bandNorm(int l) { return std::sqrt((2.0 * l + 1.0) / (4.0 * M_PI)); }
 
-// Directions and weights that integrate products of two functions of order
-// up to `order` over the sphere exactly: Gauss-Legendre nodes in z times
-// uniform azimuths.
+// Directions and weights that integrate products of two functions of order up to `order` over the sphere exactly:
+// Gauss-Legendre nodes in z times uniform azimuths.
 struct Quadrature {
     Directions dirs;
     std::vector<double> weight;

@@ -1,6 +1,5 @@
-// Triangle and smooth normals against double-precision references, flat normals
-// as exact copies, and by hand: degenerate triangles, misses, cancelling normals
-// and the float epsilon boundary.
+// Triangle and smooth normals against double-precision references, flat normals as exact copies, and by hand:
+// degenerate triangles, misses, cancelling normals and the float epsilon boundary.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>
@@ -53,19 +52,20 @@ TEST(Normals, SurfaceNormalsAgainstDoubleReferences) {
             r.mask(1)[i] = int(rng() % 24);                     // vertices of 18 triangles
             r.mask()[i] = i % 8 < 4 ? 5 : int(rng() % 20) - 2;  // one triangle for a group
         }
-        // Vertex normals of triangle 5: ray 0 weighs opposite ones (0, 0, +-1)
-        // alike: zero; ray 1 takes (2^-12, 2^-12, 0), of squared length 2^-23,
-        // the float epsilon, which the one-ray path normalises and the vector
-        // path clears.
+        // Triangle 5: ray 0 weighs opposite normals (0, 0, +-1) alike: zero; ray 1 takes (2^-12, 2^-12, 0) of
+        // squared length 2^-23, the float epsilon, which the one-ray path normalises and the vector path clears;
+        // ray 9 too, in a group with a miss, which takes the one-ray path.
         const float hand[9] = {0x1p-12f, 0x1p-12f, 0, 0, 0, 1, 0, 0, -1};
         std::copy(hand, hand + 9, r.p(0));
         for (int k = 0; k < 3; ++k) r.mask(1)[15 + k] = k;
-        r.p(3)[0] = 0, r.p(4)[0] = 0.5f, r.p(3)[1] = 1, r.p(4)[1] = 0;
+        r.p(3)[0] = 0, r.p(4)[0] = 0.5f, r.p(3)[1] = r.p(3)[9] = 1, r.p(4)[1] = r.p(4)[9] = 0;
+        r.mask()[11] = -1;
         ASSERT_EQ(
             qelrSurfSmoothNormal_32f(r.p(0), r.mask(1), r.mask(), r.pack(1), r.pack(2), 64, 3), 0);
         ASSERT_EQ(qelrSurfFlatNormal_32f(r.p(1), r.mask(), r.pack(3), 64), qelOk);
         EXPECT_EQ(r.p(6)[0] + r.p(7)[0] + r.p(8)[0], 0.0f);
         EXPECT_EQ(r.p(6)[1], shift == 1 ? std::sqrt(0.5f) : 0.0f);
+        EXPECT_EQ(r.p(6)[9], std::sqrt(0.5f));
         for (int i = 0; i < 64; ++i) {
             const int t = r.mask()[i];
             double n[3] = {}, s = 0;

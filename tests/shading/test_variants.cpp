@@ -1,8 +1,5 @@
-// Both instruction-set variants of the shading operations, normals, eye rays,
-// hit points, records and scene box: the same status and bytes for planes
-// aligned to 32, 16 or 4 bytes, lengths around the vector widths, specials and
-// team sizes 1, 3, 4; nothing written past the run or on a failed check; equal
-// paths where the rule is the same.
+// Shading, normals, eye rays, hit points, records, box: same status and bytes on both variants, 1, 3, 4 threads,
+// planes aligned to 32, 16, 4 bytes; nothing written past the run or on a failed check; paths equal where the rule is.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>
@@ -71,9 +68,8 @@ const Row kRows[] = {
 
 void PrintTo(const Row& row, std::ostream* os) { *os << row.name; }
 
-// Random planes with specials, element i the same whatever the shift; int
-// plane 0: hits in groups of four (one triangle, several with misses, all
-// misses), plane 1: indices of the first kMax / 3 vertices.
+// Random planes with specials, element i the same whatever the shift; int plane 0: hits in groups of four (one
+// triangle, several with misses, all misses), plane 1: indices of the first kMax / 3 vertices.
 Planes randomPlanes(int shift, uint32_t seed) {
     Planes r(shift);
     std::mt19937 rng(seed);
@@ -120,8 +116,7 @@ TEST_P(Variants, SameBitsEverywhereAndChecksInOrder) {
             }
         }
     }
-    // A checked pointer left out: -8 and nothing written, with rays to do or
-    // none. An unchecked one with no rays: nothing is read.
+    // A checked pointer left out: -8 and nothing written, with rays or none. An unchecked one with no rays: unread.
     const Planes base = randomPlanes(0, 3);
     for (int k = 0; k < row.pointers; ++k) {
         const bool checked = row.checked >> k & 1;

@@ -1,6 +1,5 @@
-// The shading operations on both paths: small integers make every sum and
-// product exact, so double arithmetic gives the expected values; the division,
-// grazing and masking rules by hand.
+// The shading operations on both paths: small integers make every sum and product exact, so double arithmetic
+// gives the expected values; the division, grazing and masking rules by hand.
 #include <gtest/gtest.h>
 #include <qelcore.h>
 #include <qelr.h>
@@ -48,8 +47,7 @@ TEST(ShadingOps, ExactResultsOfSmallIntegers) {
             EXPECT_EQ(r.p(11)[i], on && q >= 1 ? float(std::sqrt(q)) : 1.0f);
             const bool lit = on && in.p(9)[i] * pv > 0;  // sign and V.N strictly alike
             EXPECT_EQ(s.p(10)[i], lit ? std::fabs(pv) : 0.0);
-            // The vector path sends every ray left out with -1; the one-ray
-            // path keeps a negative mask.
+            // The vector path sends every ray left out with -1; the one-ray path keeps a negative mask.
             EXPECT_EQ(s.mask()[i], lit ? mask : shift == 1 && !on ? mask : -1);
             for (int c = 0; c < 3; ++c) {
                 const float x = in.p(3 + c)[i], f = in.p(0)[i], acc = in.p(9 + c)[i];
@@ -82,8 +80,7 @@ TEST(ShadingOps, RulesByHand) {
         r.p(0)[1] = INFINITY;  // a masked product with infinity is NaN, not zero
         EXPECT_EQ(qelrMul_32f_C1IM(r.p(0), r.mask(), r.p(1), 4), qelOk);
         EXPECT_TRUE(std::isnan(r.p(1)[0]) && std::isnan(r.p(1)[1]));
-        // Light vectors (2^-10, 0, 0) and (2^-9, 0, 0) on the normal (1, 0, 0):
-        // below a tenth of a degree the light grazes and the ray is dropped.
+        // Lights (2^-10, 0, 0), (2^-9, 0, 0) on the normal (1, 0, 0): below a tenth of a degree the ray is dropped.
         const float light[3] = {1, 2, 3};
         for (int i = 0; i < 4; ++i) {
             r.p(0)[i] = 1 + (i == 0 ? 0x1p-10f : 0x1p-9f), r.p(1)[i] = 2, r.p(2)[i] = 3;

@@ -1,6 +1,5 @@
-// The vector layer against scalar code, lane by lane, at every width the target has. Built once per instruction set:
-// every lane must give the bits of the one IEEE (or two's complement) operation it stands for, which is what makes
-// the SSE3 and AVX2 variants of the library agree.
+// The vector layer against scalar code, lane by lane, at every width of the target (built once per instruction set):
+// each lane gives the bits of the one IEEE or two's complement operation it stands for, so the variants agree.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -65,8 +64,7 @@ std::vector<int32_t> intSamples(size_t count, uint32_t seed) {
     return v;
 }
 
-// Runs op on vectors of N lanes over the sample arrays (b rotated against a,
-// so that every pair of specials meets) and compares every lane with ref.
+// Runs op on vectors of N lanes over the samples (b rotated against a, so every pair of specials meets) against ref.
 template <class V, class T, class Op, class Ref>
 void expectLanes(const char* what, const std::vector<T>& a, Op op, Ref ref) {
     constexpr int N = V::kLanes;
@@ -85,8 +83,7 @@ void expectLanes(const char* what, const std::vector<T>& a, Op op, Ref ref) {
     }
 }
 
-// The vector expression `op` of lanes a, b (vectors V) against the scalar
-// expression `ref` of elements a, b (type T), over the samples s.
+// The vector expression `op` of lanes a, b (vectors V) against the scalar `ref` of elements a, b (type T).
 #define LANES(name, op, ref)                                    \
     expectLanes<V>(                                             \
         name, s, [&](V a, [[maybe_unused]] V b) { return op; }, \
@@ -177,8 +174,7 @@ void checkConversions() {
     LANES("narrow(widen)", narrow(widen(a) * widen(b)), float(double(a) * double(b)));
     LANES("truncToInt(double)", truncToInt(widen(a) * widen(b)), x86Int(double(a) * double(b), true));
     LANES("toDouble", narrow(toDouble(truncToInt(a)) * F64<N>(0.5)), float(double(x86Int(a, true)) * 0.5));
-    // The refined approximations: every lane as the one-lane form, and close
-    // to the exact value.
+    // The refined approximations: every lane as the one-lane form, and close to the exact value.
     LANES("reciprocalRefined", reciprocalRefined(a), reciprocalRefined(a));
     LANES("rsqrtRefined", rsqrtRefined(a), rsqrtRefined(a));
     // The one-lane conversions round and truncate as the lanes do.

@@ -1,9 +1,4 @@
 // Triangle meshes, test scenes and the validation of KD-trees in the library's node format.
-//
-// checkKdTree walks the tree from the root: every node, child pair and leaf
-// list inside the block and no two sharing bytes, inline leaves decoding to
-// triangles of the mesh, splits inside their cells, no leaf deeper than the
-// limit. It returns the leaves with their cells and triangle lists.
 #pragma once
 
 #include <qelr.h>
@@ -74,6 +69,8 @@ inline std::vector<int32_t> decodeInlineLeaf(int32_t word0, int32_t word1) {
     return std::vector<int32_t>(t, t + count);
 }
 
+// Walks the tree from the root: nodes, child pairs and leaf lists inside the block and disjoint, inline leaves
+// decoding to triangles of the mesh, splits inside their cells, no leaf deeper than the limit.
 inline KdTreeInfo checkKdTree(const KDTreeNode* tree, int sizeBytes, int triangleCount,
                               int depthLimit, const KdCell& rootCell) {
     KdTreeInfo info;
@@ -141,8 +138,7 @@ inline KdTreeInfo checkKdTree(const KDTreeNode* tree, int sizeBytes, int triangl
     return info;
 }
 
-// The cost-driven layout: root at 0, 8 zero bytes, child pairs packed from 16,
-// all lists right after the node area, and nothing else in the block.
+// The cost-driven layout: root at 0, 8 zero bytes, child pairs packed from 16, lists right after, nothing else.
 inline std::string checkPackedLayout(const KDTreeNode* tree, int sizeBytes,
                                      const KdTreeInfo& info) {
     int32_t pad[2];
@@ -159,9 +155,8 @@ inline std::string checkPackedLayout(const KDTreeNode* tree, int sizeBytes,
     return "";
 }
 
-// Completeness: every point of every valid triangle (sampled on a barycentric
-// grid of `steps` divisions, corners exact) lies in a leaf that lists the
-// triangle; the walk takes both sides of a split through the point.
+// Every point of every valid triangle (a barycentric grid of `steps` divisions, corners exact) lies in a leaf
+// that lists it; the walk takes both sides of a split through the point.
 inline std::string checkCompleteness(const KDTreeNode* tree, const KdTreeInfo& info, const Mesh& m,
                                      int steps) {
     std::map<int64_t, const std::vector<int32_t>*> leafAt;  // leaf offset to its triangles
@@ -234,8 +229,7 @@ inline bool triangleOverlapsCell(const Mesh& m, int t, const KdCell& cell, doubl
     return true;
 }
 
-// Every valid triangle that reaches into a leaf's cell by more than `margin` is listed in that
-// leaf.
+// Every valid triangle that reaches into a leaf's cell by more than `margin` is listed in that leaf.
 inline std::string checkLeafOverlaps(const KdTreeInfo& info, const Mesh& m, double margin) {
     for (const auto& leaf : info.leaves)
         for (int t = 0; t < m.triangleCount(); ++t) {
@@ -253,9 +247,8 @@ struct BuiltTree {
     KdTreeInfo info;
 };
 
-// Builds through the public call, copies the bytes out, validates (unless told
-// not to) and frees: structure, packed layout, completeness
-// and, on the smaller meshes, every leaf against every triangle.
+// Builds through the public call, copies the bytes out, validates (unless told not to: structure, packed layout,
+// completeness and, on the smaller meshes, every leaf against every triangle) and frees.
 inline BuiltTree buildTree(const Mesh& m, const KDTreeBuildParams& p, bool validate = true) {
     BuiltTree b;
     KDTreeNode* tree = nullptr;
@@ -283,9 +276,8 @@ inline BuiltTree buildTree(const Mesh& m, const KDTreeBuildParams& p, bool valid
     return b;
 }
 
-// Random triangles of mixed sizes in [0, 10]^3 with coordinates on a grid of
-// 1/8 (so events share positions), a share flat on an axis, a few collinear
-// and a few duplicated; then moved by `shift` on every axis.
+// Random triangles of mixed sizes in [0, 10]^3 on a grid of 1/8 (events share positions), a share flat on an
+// axis, a few collinear and a few duplicated; then moved by `shift` on every axis.
 inline Mesh randomScene(int n, uint32_t seed, float shift = 0.0f) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> u(0.0f, 1.0f);
@@ -311,9 +303,7 @@ inline Mesh randomScene(int n, uint32_t seed, float shift = 0.0f) {
     return s;
 }
 
-// Triangles with random corners in [0, 10]^2 on the plane y = 2.5: they all
-// overlap, the cells are flat, and the tree grows with every level of depth.
-// n overlapping triangles in the plane y = 2.5; on a grid: x and y are
+// n overlapping triangles in the plane y = 2.5 (flat cells; the tree grows with depth); on a grid: x and y are
 // multiples of 0.5 in [-3, 3] in the plane z = 0, every zero of either sign.
 inline Mesh coplanarScene(int n, uint32_t seed, bool grid = false) {
     std::mt19937 rng(seed);
