@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "core/dispatch.h"
+#include "volume/volume_variants.h"
 #include "timing.h"
 #include "volume.h"
 
@@ -31,19 +32,7 @@ using qelr::frame::Isa;
 using qelr_bench::Volume;
 
 template <class T>
-struct Fns;
-#define QELR_VOLUME_FNS(T, s)                                                          \
-    template <>                                                                        \
-    struct Fns<T> {                                                                    \
-        static auto resize(Isa i) { return QELR_VARIANT(i, qelrResize_##s##_C1V); }    \
-        static auto remap(Isa i) { return QELR_VARIANT(i, qelrRemap_##s##_C1PV); }     \
-        static auto warp(Isa i) { return QELR_VARIANT(i, qelrWarpAffine_##s##_C1PV); } \
-        static constexpr const char* name = #s;                                        \
-    };
-QELR_VOLUME_FNS(uint8_t, 8u)
-QELR_VOLUME_FNS(uint16_t, 16u)
-QELR_VOLUME_FNS(float, 32f)
-#undef QELR_VOLUME_FNS
+using Fns = qelr::frame::VolumeVariants<T>;
 
 const char* kModeNames[] = {"", "nearest", "linear", "", "cubic", "bspline", "catmull", "b05c03"};
 
@@ -96,7 +85,7 @@ void addCases(std::vector<Case>& cases) {
             cases.push_back({std::string("resize ") + Fns<T>::name + (up ? " up " : " down ") +
                                  kModeNames[mode],
                              double(m) * m * m, src->bytes() + dst->bytes(), [=](Isa isa) {
-                                 Fns<T>::resize(isa)(src->data.data(), src->size(), src->rowStep(),
+                                 Fns<T>::resizeV(isa)(src->data.data(), src->size(), src->rowStep(),
                                                      src->rowStep() * n, src->box(), dst->data.data(),
                                                      dst->rowStep(), dst->rowStep() * m, dst->box(),
                                                      f, f, f, 0, 0, 0, mode, buf->data());

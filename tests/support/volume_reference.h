@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core/dispatch.h"
+#include "volume/volume_variants.h"
 #include "test_util.h"
 
 namespace volume_test {
@@ -65,21 +66,8 @@ struct Volume {
 
 using qelr::frame::Isa;
 
-// The variants of the exports of one element type.
 template <class T>
-struct Fns;
-#define QELR_VOLUME_FNS(T, ty)                                                          \
-    template <>                                                                         \
-    struct Fns<T> {                                                                     \
-        static auto resizeV(Isa i) { return QELR_VARIANT(i, qelrResize_##ty##_C1V); }   \
-        static auto resizePV(Isa i) { return QELR_VARIANT(i, qelrResize_##ty##_C1PV); } \
-        static auto remap(Isa i) { return QELR_VARIANT(i, qelrRemap_##ty##_C1PV); }     \
-        static auto warp(Isa i) { return QELR_VARIANT(i, qelrWarpAffine_##ty##_C1PV); } \
-    };
-QELR_VOLUME_FNS(uint8_t, 8u)
-QELR_VOLUME_FNS(uint16_t, 16u)
-QELR_VOLUME_FNS(float, 32f)
-#undef QELR_VOLUME_FNS
+using Fns = qelr::frame::VolumeVariants<T>;
 
 // Byte for byte, except that any two float NaNs count as equal: where two
 // different NaNs meet in a sum, which one propagates depends on the operand
