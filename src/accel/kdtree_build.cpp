@@ -360,7 +360,7 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
         const int sideBits = sideOf(r, plane);
         if (sideBits == 1 || sideBits == 2) {
             const int c = sideBits - 1;
-            if (r.coversCell != 0 && joinsSpanning(r, cells[c], spans[c])) {
+            if (joinsSpanning(r, cells[c], spans[c])) {
                 joined[c][joins[c]++] = r.tri;
                 route[i] = 0;
             } else {
@@ -385,7 +385,7 @@ QelStatus Builder::split(const Task& t, const SplitPlane& plane, Task& below, Ta
         int32_t* cj = cut + kCutStride * straddlers;
         cj[0] = i;
         for (int c = 0; c < 2; ++c) {
-            if (part[c].coversCell != 0 && joinsSpanning(part[c], cells[c], spans[c])) {
+            if (joinsSpanning(part[c], cells[c], spans[c])) {
                 joined[c][joins[c]++] = r.tri;
                 cj[1 + c] = -1;
             } else {
@@ -459,10 +459,7 @@ QelStatus Builder::growSpanning(Spanning& set, const int32_t* joined, int32_t jo
     const int32_t* x = lists_.data() + set.begin;
     const int32_t* xEnd = x + inherited;
     const int32_t* yEnd = joined + joinCount;
-    int32_t* out = lists_.data() + begin;
-    while (x != xEnd && joined != yEnd) *out++ = *joined < *x ? *joined++ : *x++;
-    while (x != xEnd) *out++ = *x++;
-    while (joined != yEnd) *out++ = *joined++;
+    std::merge(x, xEnd, joined, yEnd, lists_.data() + begin);
     set.begin = static_cast<int32_t>(begin);
     listsUsed_ += set.count;
     return qelOk;
